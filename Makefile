@@ -1,0 +1,63 @@
+# The two commands of the README: `make demo` and `make test`.
+BUILD ?= build
+GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo Ninja || echo "Unix Makefiles")
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+CTEST_FLAGS ?=
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps configure build test demo bench clean lint format package test-asan test-tsan fuzz
+
+all: build
+
+deps:
+	@bash scripts/install-deps
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) -G "$(GENERATOR)" $(CMAKE_FLAGS)
+
+configure: $(BUILD)/CMakeCache.txt
+
+build: deps configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
+
+demo: build
+	@bash scripts/demo $(BUILD)
+
+bench: deps
+	cmake -S . -B $(BUILD)-bench -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Release -DIPCD_BENCH=ON -DBUILD_TESTING=OFF
+	cmake --build $(BUILD)-bench -j $(JOBS)
+	@bash scripts/bench $(BUILD)-bench
+
+test-asan:
+	@IPCD_DEPS_CLANG=1 bash scripts/install-deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD)-asan -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Debug "-DIPCD_SANITIZE=address;undefined"
+	cmake --build $(BUILD)-asan -j $(JOBS)
+	cd $(BUILD)-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
+
+test-tsan:
+	@IPCD_DEPS_CLANG=1 bash scripts/install-deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD)-tsan -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Debug -DIPCD_SANITIZE=thread
+	cmake --build $(BUILD)-tsan -j $(JOBS)
+	cd $(BUILD)-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
+
+fuzz:
+	@IPCD_DEPS_CLANG=1 bash scripts/install-deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD)-fuzz -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIPCD_FUZZ=ON -DBUILD_TESTING=OFF
+	cmake --build $(BUILD)-fuzz -j $(JOBS)
+	@bash scripts/fuzz $(BUILD)-fuzz $(FUZZ_SECONDS)
+
+package: build
+	cd $(BUILD) && cpack -G DEB
+
+lint: configure
+	@bash scripts/lint $(BUILD)
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz

@@ -1,0 +1,103 @@
+#include "configuration.h"
+
+#include "logging.h"
+#include "transport_keys.h"
+
+namespace ecu::kora::config {
+
+namespace {
+
+const std::shared_ptr<logging::LogModule>& log() {
+    static const auto module = logging::module("kora.config");
+    return module;
+}
+
+std::string trim(const std::string& text) {
+    const char* blanks = " \t\r\f\v";
+    auto first = text.find_first_not_of(blanks);
+    if (first == std::string::npos) {
+        return {};
+    }
+    auto last = text.find_last_not_of(blanks);
+    return text.substr(first, last - first + 1);
+}
+
+}  // namespace
+
+Configuration::Configuration()
+    : m_defaults(com::transport_defaults), m_required(com::transport_required_keys) {}
+
+const std::string& Configuration::get(const std::string& key) const {
+    static const std::string empty;
+    if (auto it = m_values.find(key); it != m_values.end()) {
+        return it->second;
+    }
+    if (auto it = m_defaults.find(key); it != m_defaults.end()) {
+        return it->second;
+    }
+    return empty;
+}
+
+bool Configuration::verify() const {
+    bool ok = true;
+    for (const auto& key : m_required) {
+        if (get(key).empty()) {
+            logging::ERROR << log() << "Required configuration key '" << key
+                           << "' has no value and no default";
+            ok = false;
+        }
+    }
+    const std::string& port = get("port");
+    if (!port.empty() && !is_port_number(port)) {
+        logging::ERROR << log() << "Configuration key 'port' is not a port number from 1 to 65535: '"
+                       << port << "'";
+        ok = false;
+    }
+    return ok;
+}
+
+int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& input) {
+    if (!config) {
+        config = std::make_unique<Configuration>();
+    }
+    int skipped = 0;
+    std::string line;
+    for (int number = 1; std::getline(input, line); ++number) {
+        std::string content = trim(line);
+        if (content.empty() || content.front() == '#') {
+            continue;
+        }
+        auto eq = content.find('=');
+        if (eq == std::string::npos) {
+            logging::WARNING << log() << "Configuration line " << number
+                             << " has no '=' and is skipped: " << content;
+            ++skipped;
+            continue;
+        }
+        std::string key = trim(content.substr(0, eq));
+        if (key.empty()) {
+            logging::WARNING << log() << "Configuration line " << number
+                             << " has no key before '=' and is skipped: " << content;
+            ++skipped;
+            continue;
+        }
+        config->values()[key] = trim(content.substr(eq + 1));
+    }
+    return skipped;
+}
+
+bool is_port_number(const std::string& text) {
+    if (text.empty() || text.size() > 5) {
+        return false;
+    }
+    unsigned value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        value = value * 10 + static_cast<unsigned>(c - '0');
+    }
+    return value >= 1 && value <= 65535;
+}
+
+}  // namespace ecu::kora::config

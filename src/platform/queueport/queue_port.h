@@ -1,0 +1,122 @@
+#pragma once
+
+// Queue ports: the devices through which records pass between the RT
+// partition and this side. On the vehicle a queue port is a message-oriented
+// character device; here it is a FIFO or a regular file. Both directions carry
+// the same records: a 24-byte little-endian header (magic "QPR1", id,
+// timestamp, payload length <= 65536, tag, 3 reserved bytes) and the payload.
+//
+// Template parameters: Depth is the depth of the vehicle's queue port in
+// records (24 for RX, 8 for TX), and signal_t_dyn<Depth> the record type of
+// such a port, with a payload of any length up to the record limit. On a FIFO
+// the reader hands at most Depth records to its consumer between two looks at
+// stop_requested, and the writer waits at most Depth x 125 ms for room in a
+// full device (the time the RT side gets to drain a full queue) before it
+// reports the port as lost.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ipc_signal.h"
+
+namespace ecu::kora::ipc {
+
+inline constexpr std::size_t record_header_size = 24;
+inline constexpr std::size_t record_max_payload = 65536;
+inline constexpr std::uint8_t record_magic[4] = {'Q', 'P', 'R', '1'};
+
+template <std::size_t Depth>
+struct signal_t_dyn {
+    static constexpr std::size_t depth = Depth;
+    using value_type = IpcSignal;
+};
+
+// Encodes one record (header and payload) into out, replacing its content.
+// False when the payload is longer than record_max_payload.
+bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out);
+
+// Splits a byte stream into records: feed it bytes as they come, in any chunk
+// sizes, and take complete records out. Damage (wrong magic, length over the
+// limit) is skipped up to the next magic; nothing after the damage is lost.
+class RecordDecoder {
+public:
+    // Appends bytes to the stream.
+    void feed(const std::uint8_t* data, std::size_t size);
+    // Takes the next complete record out; false when none is complete yet.
+    bool next(IpcSignal& out);
+    // Bytes skipped as damage since the last call (and resets the count).
+    std::size_t take_skipped();
+    // Bytes held that do not yet form a complete record.
+    std::size_t pending() const { return m_buffer.size() - m_start; }
+
+private:
+    std::vector<std::uint8_t> m_buffer;
+    std::size_t m_start = 0;
+    std::size_t m_skipped = 0;
+};
+
+// The RX port. open() on the start-up thread, then read_loop() on a thread of
+// its own until the device ends or stop_requested is set.
+template <std::size_t Depth, typename Record>
+class QueuePortReader {
+public:
+    // The consumer is not owned; it must outlive the reading loop.
+    explicit QueuePortReader(IDataConsumer<IpcSignal>& consumer);
+    QueuePortReader(const QueuePortReader&) = delete;
+    QueuePortReader& operator=(const QueuePortReader&) = delete;
+    virtual ~QueuePortReader();
+
+    // Opens the device for reading without waiting for a writer. False (with
+    // an ERROR line naming the path and the reason) when it cannot be opened.
+    bool open(const std::string& path);
+
+    // Delivers every record to consume() in arrival order, then calls
+    // finished() once: at the end of a regular file, when the last writer of a
+    // FIFO closes (a FIFO without a writer yet is waited for), on a read
+    // error, or within 100 ms of stop_requested being set.
+    virtual void read_loop();
+
+    // RT id that opens an RT frame; set before read_loop starts.
+    std::uint32_t frame_start_id = 0;
+    // Set from another thread to end read_loop.
+    std::atomic<bool> stop_requested{false};
+
+private:
+    IDataConsumer<IpcSignal>& m_consumer;
+    int m_fd = -1;
+    std::string m_path;
+};
+
+// The TX port; used from one thread.
+template <std::size_t Depth, typename Record>
+class QueuePortWriter {
+public:
+    QueuePortWriter() = default;
+    QueuePortWriter(const QueuePortWriter&) = delete;
+    QueuePortWriter& operator=(const QueuePortWriter&) = delete;
+    ~QueuePortWriter();
+
+    // Opens the device for writing. A FIFO without a reader is waited for up
+    // to 2 s. False (with an ERROR line naming the path and the reason) on failure.
+    bool open(const std::string& path);
+
+    // Writes one record in one write(). False when the port is no longer
+    // usable (reader gone, write error, no room within the wait above).
+    bool transmit_data(const IpcSignal& signal);
+
+private:
+    int m_fd = -1;
+    std::string m_path;
+    std::vector<std::uint8_t> m_buffer;
+};
+
+using RxQueuePort = QueuePortReader<24, signal_t_dyn<24>>;
+using TxQueuePort = QueuePortWriter<8, signal_t_dyn<8>>;
+
+extern template class QueuePortReader<24, signal_t_dyn<24>>;
+extern template class QueuePortWriter<8, signal_t_dyn<8>>;
+
+}  // namespace ecu::kora::ipc

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace ecu::kora::com {
+
+// One broker message: what is published and what is delivered.
+struct Message {
+    Message() = default;
+    Message(const Message&) = default;
+    Message(Message&&) noexcept = default;
+    Message& operator=(const Message&) = default;
+    Message& operator=(Message&&) noexcept = default;
+    virtual ~Message() = default;
+
+    std::uint8_t qos = 0;
+    // Nanoseconds since boot when the message was framed; 0 for raw messages.
+    std::uint64_t timestamp = 0;
+    // 1 for framed messages, 0 for raw ones.
+    std::uint8_t format = 0;
+    std::vector<std::uint8_t> payload;
+    bool retained = false;
+};
+
+}  // namespace ecu::kora::com

@@ -1,0 +1,54 @@
+#pragma once
+
+// The broker transport as the daemon uses it. create_client() gives the real
+// MQTT client; tests of the bridge implement ITransportClient with a fake.
+
+#include <memory>
+#include <string>
+
+#include "message.h"
+#include "transport_keys.h"
+
+namespace ecu::kora::config {
+class Configuration;
+}
+
+namespace ecu::kora::com {
+
+class ISubscriptionObserver {
+public:
+    virtual ~ISubscriptionObserver() = default;
+    // Called on the client's delivery thread, one message at a time, in
+    // arrival order.
+    virtual void message(const std::string& topic, const Message& msg) = 0;
+};
+
+enum class TransportType : int { mqtt = 0 };
+
+class ITransportClient {
+public:
+    virtual ~ITransportClient() = default;
+
+    // True once the broker has accepted the connection; false when it refused
+    // or did not answer in time. Called once.
+    virtual bool connect() = 0;
+    // Publishes msg.payload with msg.qos and msg.retained. Above 0 when the
+    // message was accepted. Safe from several threads at once; may wait while
+    // too many messages are waiting for the socket.
+    virtual int publish(const std::string& topic, Message& msg) = 0;
+    // Delivers every message matching topic (MQTT wildcards allowed) to the
+    // observer, which the client keeps while it lives. option is the QoS.
+    virtual bool subscribe(const std::string& topic, int option,
+                           std::shared_ptr<ISubscriptionObserver> observer) = 0;
+    virtual bool start() = 0;
+    virtual bool stop() = 0;
+    virtual const std::string& client_name() const = 0;
+};
+
+// The client for the type, configured from "host", "port", "client_name" and
+// the optional transport keys; an empty pointer (and an ERROR line) for an
+// unknown type. The configuration stays the caller's and must outlive the client.
+std::shared_ptr<ITransportClient> create_client(std::unique_ptr<config::Configuration>& config,
+                                                TransportType type);
+
+}  // namespace ecu::kora::com
