@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <string>
 #include <tuple>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "message.h"
@@ -105,6 +107,9 @@ public:
 
 private:
     std::vector<SignalGroup> m_groups;
+    // Topic -> index of its first group in m_groups: the bridge looks topics up
+    // per message.
+    std::unordered_map<std::string, std::size_t> m_index;
 };
 
 }  // namespace ecu::kora::rt
