@@ -37,9 +37,10 @@ struct State {
     std::atomic<int> level{-1};
 };
 
+// Never destroyed: threads that outlive exit()'s static destructors may still log.
 State& state() {
-    static State s;
-    return s;
+    static State* s = new State;
+    return *s;
 }
 
 int default_level() {

@@ -1,0 +1,429 @@
+#include "ipcd.h"
+
+#include <ctime>
+#include <cstdlib>
+#include <utility>
+
+#include "bridge_bodies.pb.h"
+#include "logging.h"
+#include "message_adapter.h"
+#include "process_state.h"
+
+namespace ecu::kora::ipcd {
+
+namespace {
+
+// Process-wide: tells the service manager "STOPPING=1" when the process ends.
+ipc::Systemd g_systemd;
+
+std::uint32_t g_time_sync_id = 0;
+const std::string g_announcement_topic = com::subscription_announcement_topic;
+const std::string g_subscriptions_topic = com::subscription_status_topic;
+const std::string g_frame_start_topic = "rt/system/timestamp";
+const std::string g_time_sync_topic = "rt/system/time_sync";
+const std::string g_state_topic = "system/state/rt";
+const std::string g_tpa_topic = "system/tpa/status";
+const std::string g_rttx_prefix = "rttx/";
+const std::string g_eod_topic = "system/rt/eod";
+const auto g_log = logging::module("daemon");
+
+constexpr std::uint8_t g_shutdown_indication = 4;
+
+void append_hex_byte(std::string& text, std::uint8_t byte) {
+    static constexpr char digits[] = "0123456789abcdef";
+    text += "0x";
+    text += digits[byte >> 4U];
+    text += digits[byte & 0x0FU];
+    text += ' ';
+}
+
+// The first four payload bytes as a little-endian number; missing bytes are 0.
+std::uint32_t queue_size_of(const std::vector<std::uint8_t>& data) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < data.size() && i < 4; ++i) {
+        value |= static_cast<std::uint32_t>(data[i]) << (8U * i);
+    }
+    return value;
+}
+
+}  // namespace
+
+IPCd::IPCd(std::shared_ptr<com::ITransportClient>& transport)
+    : m_queue_rx("/dev/qport/telematics_kpx_receive"),
+      m_queue_tx("/dev/qport/telematics_kpx_send"),
+      m_transport(std::move(transport)),
+      m_reader(*this) {
+    m_tx_groups.reserve(10);
+    m_tx_groups.max_load_factor(1.0F);
+
+    const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
+    for (const auto& topic : catalogue.get_topics("")) {
+        auto id = static_cast<std::uint32_t>(catalogue.map_topic_to_rtid(topic));
+        auto [it, inserted] =
+            m_rt_topics.try_emplace(id, topic, catalogue.is_topic_retained(topic));
+        if (!inserted) {
+            logging::ALERT << g_log << "Failed to build rt-signal subscription map!";
+        }
+    }
+    logging::INFO << g_log << "RT signal subscription map initialized with " << m_rt_topics.size()
+                  << " topics";
+}
+
+IPCd::~IPCd() {
+    // The daemon never gets here with the earlybird thread running: run() ends
+    // the process. Anyone else who does (tests, a failed connection after a
+    // started thread) gets the thread released instead of a terminate.
+    if (m_earlybird_thread.joinable()) {
+        report_target_reached();
+        m_earlybird_thread.join();
+    }
+}
+
+void IPCd::run() {
+    application_starting();
+
+    const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
+    g_time_sync_id = catalogue.map_topic_to_rtid(g_time_sync_topic);
+    if (g_time_sync_id == 0) {
+        logging::ERROR << g_log << "Unable to set time_sync_id";
+        std::exit(1);
+    }
+    logging::INFO << g_log << "Time sync id: " << g_time_sync_id;
+
+    if (!m_transport->connect()) {
+        logging::ERROR << g_log << "Unable to connect to MQTT broker!";
+        return;
+    }
+
+    // The bridge lives on main's stack and outlives the client's use of it
+    // (every path from here ends the process), so the observer pointers the
+    // client keeps must never delete it: they own nothing.
+    auto observer = [this] {
+        return std::shared_ptr<com::ISubscriptionObserver>(std::shared_ptr<void>(), this);
+    };
+    m_transport->subscribe("rttx/#", 0, observer());
+    m_transport->subscribe(g_announcement_topic, 0, observer());
+    logging::INFO << g_log << "Subscribed to: '" << g_announcement_topic << "'";
+    m_transport->subscribe(g_state_topic, 0, observer());
+    logging::INFO << g_log << "Subscribed to: '" << g_state_topic << "'";
+    m_transport->subscribe(g_tpa_topic, 0, observer());
+
+    std::uint32_t frame_start_id = catalogue.map_topic_to_rtid(g_frame_start_topic);
+    if (frame_start_id == 0) {
+        logging::EMERG << g_log << "Unable to find FRAME_START_ID topic in SignalAdapter data"
+                       << " definition " << g_frame_start_topic;
+        std::exit(1);
+    }
+    m_reader.frame_start_id = frame_start_id;
+
+    if (!m_writer.open(m_queue_tx)) {
+        logging::ERROR << g_log << "Unable to open TX queue device for writing: " << m_queue_tx;
+        std::exit(1);
+    }
+    if (!m_reader.open(m_queue_rx)) {
+        logging::ERROR << g_log << "Unable to open RX queue device for reading: " << m_queue_rx;
+        std::exit(1);
+    }
+
+    start_earlybird_thread();
+    std::thread reader_thread([this] { m_reader.read_loop(); });
+    m_transport->start();
+
+    timespec one_second{1, 0};
+    nanosleep(&one_second, nullptr);
+    application_ready();
+
+    reader_thread.join();
+    m_transport->stop();
+    std::exit(0);
+}
+
+void IPCd::finished() {
+    logging::NOTICE << g_log << "Queue reading has been finished.";
+    com::Message eod;
+    eod.payload = {0x01};
+    eod.retained = true;
+    m_transport->publish(g_eod_topic, eod);
+}
+
+void IPCd::start_earlybird_thread() {
+    if (m_earlybird_thread.joinable()) {
+        std::terminate();
+    }
+    m_earlybird_thread = std::thread([this] { earlybird_flush(); });
+}
+
+void IPCd::consume(const ipc::IpcSignal& signal) {
+    if (!m_log_rt_signals.empty() && m_log_rt_signals.count(signal.id) != 0 &&
+        logging::DEBUG.admits(g_log.get())) {
+        std::string dump = "[RT_SIGNAL_LOG] received: '" + std::to_string(signal.id) + "' val: ";
+        for (auto it = signal.data.rbegin(); it != signal.data.rend(); ++it) {
+            append_hex_byte(dump, *it);
+        }
+        logging::DEBUG << g_log << dump;
+    }
+    if (signal.id == g_time_sync_id && m_log_queue_size) {
+        logging::NOTICE << g_log << "QUEUE-SIZE: " << queue_size_of(signal.data)
+                        << " timestamp: " << signal.timestamp;
+    }
+
+    auto entry = m_rt_topics.find(signal.id);
+    if (entry == m_rt_topics.end()) {
+        logging::ERROR << g_log << "Unable to find rt-id " << signal.id
+                       << " in the active subscription map";
+        return;
+    }
+    RequestTopic& rt_topic = entry->second;
+    const bool requested = rt_topic.requested.load(std::memory_order_relaxed);
+    {
+        auto line = logging::INFO << g_log;
+        line << "Data for topic '" << rt_topic.topic << "' received " << "(rt id: " << signal.id
+             << ") ";
+        if (rt_topic.retained) {
+            line << "(retained) ";
+        }
+        if (requested) {
+            line << "(subscribed) ";
+        }
+    }
+    if (!requested && !m_earlybird_thread.joinable() && !rt_topic.retained) {
+        return;
+    }
+
+    pb::RtSignal body;
+    body.set_timestamp(signal.timestamp);
+    body.set_data(signal.data.data(), signal.data.size());
+    body.set_tag(signal.tag);
+    body.set_source(m_transport->client_name());
+
+    com::PbInternalMessageAdapter<pb::RtSignal> adapter(1);
+    auto framed = adapter.serialize(body);
+    if (!framed.success) {
+        logging::ERROR << g_log << "Unable to serialize RtSignal '" << signal.id
+                       << "' for topic: '" << rt_topic.topic
+                       << "', nothing will be relayed to RT!";
+        return;
+    }
+    framed.message.retained = rt_topic.retained;
+
+    if (m_earlybird_thread.joinable() && !rt_topic.retained) {
+        std::unique_lock<std::mutex> lock(m_earlybird_mutex);
+        if (m_earlybird_done) {
+            m_earlybird_thread.join();
+            if (!rt_topic.requested.load(std::memory_order_relaxed)) {
+                return;
+            }
+        } else {
+            m_earlybird.emplace_back(signal.id, rt_topic.topic, framed.message);
+            logging::DEBUG << g_log << "Queue Message for topic: " << rt_topic.topic
+                           << " new queue-size: " << m_earlybird.size();
+            return;
+        }
+    }
+    m_transport->publish(rt_topic.topic, framed.message);
+}
+
+void IPCd::earlybird_flush() {
+    {
+        std::unique_lock<std::mutex> lock(m_target_mutex);
+        m_target_cv.wait(lock, [this] { return m_target_reached; });
+    }
+    std::unique_lock<std::mutex> lock(m_earlybird_mutex);
+    const std::size_t initial_size = m_earlybird.size();
+    logging::NOTICE << g_log << "kirn.target"
+                    << " has been reached on both partitions, start publishing"
+                    << " earlybird data (queue size: " << initial_size << ")";
+    unsigned processed = 0;
+    unsigned published = 0;
+    while (!m_earlybird.empty()) {
+        std::deque<EarlybirdData> batch;
+        batch.swap(m_earlybird);
+        lock.unlock();
+        processed += static_cast<unsigned>(batch.size());
+        for (auto& held : batch) {
+            auto entry = m_rt_topics.find(held.rt_id);
+            // The requested flag counts as it stands now, not when the record
+            // was queued: a topic announced during the hold gets its records.
+            if (entry != m_rt_topics.end() &&
+                entry->second.requested.load(std::memory_order_relaxed) &&
+                m_transport->publish(held.topic, held.message) > 0) {
+                ++published;
+            }
+        }
+        batch.clear();
+        lock.lock();
+    }
+    logging::NOTICE << g_log << "Earlybird message processing done. " << processed
+                    << " entries have been processed through"
+                    << " the ipcd earlybird queue and " << published << " have been published"
+                    << " to subscribed topics. The initial queue size was " << initial_size;
+    m_earlybird_done = true;
+}
+
+void IPCd::message(const std::string& topic, const com::Message& msg) {
+    logging::DEBUG << g_log << "Message received on topic: '" << topic;
+    if (topic == g_state_topic) {
+        handle_system_state(msg);
+    } else if (topic == g_announcement_topic) {
+        handle_announcement(msg);
+    } else if (topic.compare(0, g_rttx_prefix.size(), g_rttx_prefix) == 0) {
+        send_to_rt(topic, msg);
+    } else if (topic == g_tpa_topic) {
+        handle_tpa_status(topic, msg);
+    } else {
+        logging::INFO << g_log << "Message received on unhandled topic " << "'" << topic << "'";
+    }
+}
+
+void IPCd::handle_system_state(const com::Message& msg) {
+    com::PbInternalMessageAdapter<pb::RtSignal> adapter(1);
+    auto result = adapter.deserialize(msg);
+    if (!result.success) {
+        logging::ERROR << g_log << "Unable to deserialize message on " << g_state_topic
+                       << " topic. error(" << static_cast<int>(result.error) << ")";
+        return;
+    }
+    const std::string& data = result.body.data();
+    const unsigned value = data.empty() ? 0U : static_cast<std::uint8_t>(data[0]);
+    logging::DEBUG << g_log << "system-state value: '" << value << "'";
+    if (value == g_shutdown_indication) {
+        logging::NOTICE << g_log << "Received shutdown indication!";
+        m_reader.stop_requested = true;
+    }
+}
+
+void IPCd::handle_announcement(const com::Message& msg) {
+    com::PbInternalMessageAdapter<pb::SubscriptionMessage> adapter(1);
+    auto result = adapter.deserialize(msg);
+    if (!result.success) {
+        logging::ERROR << g_log << "Received a subscription announcement, but NO"
+                       << " SubscriptionMessage was included! error("
+                       << static_cast<int>(result.error) << ")";
+        return;
+    }
+    const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
+    for (const auto& topic : result.body.topics()) {
+        if (topic.compare(0, 3, "rt/") != 0) {
+            logging::INFO << g_log << "Client App request data for non rt-topic (ignored): "
+                          << topic;
+            continue;
+        }
+        std::uint32_t id = catalogue.map_topic_to_rtid(topic);
+        if (id == 0) {
+            logging::INFO << g_log << "Client App request data for non recognized"
+                          << " rt-topic(ignored): " << topic;
+            continue;
+        }
+        auto entry = m_rt_topics.find(id);
+        if (entry == m_rt_topics.end()) {
+            logging::INFO << g_log << "Client App requested data for rt-topic missing "
+                          << "in subscription map (ignored): " << topic;
+            continue;
+        }
+        logging::INFO << g_log << "Client App request data for: " << topic;
+        entry->second.requested.store(true, std::memory_order_relaxed);
+    }
+
+    std::uint32_t count = 0;
+    for (const auto& [id, entry] : m_rt_topics) {
+        count += entry.requested.load(std::memory_order_relaxed) ? 1U : 0U;
+    }
+    if (count == m_requested_count) {
+        return;
+    }
+    // Updated before the status is sent: a status that fails to frame is not
+    // retried until the count grows again.
+    m_requested_count = count;
+
+    pb::SubscriptionStatus status;
+    for (const auto& [id, entry] : m_rt_topics) {
+        if (entry.requested.load(std::memory_order_relaxed)) {
+            status.add_topics(entry.topic);
+        }
+    }
+    status.set_topic_count(static_cast<std::uint32_t>(m_rt_topics.size()));
+    status.set_requested_count(count);
+
+    com::PbInternalMessageAdapter<pb::SubscriptionStatus> status_adapter(1);
+    auto framed = status_adapter.serialize(status);
+    if (!framed.success) {
+        return;
+    }
+    com::Message out = framed.message;
+    out.qos = 1;
+    out.retained = true;
+    m_transport->publish(g_subscriptions_topic, out);
+}
+
+void IPCd::handle_tpa_status(const std::string& topic, const com::Message& msg) {
+    com::PbInternalMessageAdapter<pb::TPAStatus> adapter(1);
+    auto result = adapter.deserialize(msg);
+    if (!result.success) {
+        logging::WARNING << g_log << "Failed to deserialize: " << topic;
+        return;
+    }
+    if (result.body.wait_for_target() && !result.body.target_reached()) {
+        return;
+    }
+    report_target_reached();
+}
+
+void IPCd::report_target_reached() {
+    {
+        std::lock_guard<std::mutex> lock(m_target_mutex);
+        m_target_reached = true;
+    }
+    m_target_cv.notify_one();
+}
+
+void IPCd::send_to_rt(const std::string& topic, const com::Message& msg) {
+    const std::string catalogue_topic = "rt/" + topic.substr(g_rttx_prefix.size());
+    const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
+    std::uint32_t id = catalogue.map_topic_to_rtid(catalogue_topic);
+    if (id == 0) {
+        logging::ERROR << g_log << "Unable to find id for '" << catalogue_topic
+                       << "', unable to send data to RT.";
+        return;
+    }
+    if (m_log_rt_signals.count(id) != 0) {
+        logging::DEBUG << g_log << "[RT_SIGNAL_LOG] send: " << id;
+    }
+    logging::INFO << g_log << "Send data to RT for topic '" << topic << "' (rt id: " << id << ")";
+
+    auto [ok, fresh, error_text] = catalogue.unpack(catalogue_topic, msg);
+    if (!ok) {
+        logging::ERROR << g_log << "Unpacking of SignalGroup for topic '" << catalogue_topic
+                       << "' failed";
+        return;
+    }
+    ipc::IpcSignal record;
+    record.id = id;
+    record.tag = 0;
+    record.timestamp = fresh.timestamp();
+
+    std::string image;
+    auto cached = m_tx_groups.find(catalogue_topic);
+    if (cached != m_tx_groups.end()) {
+        // Signals the message does not carry keep their last value.
+        const std::vector<std::string> names = fresh.signal_names();
+        for (const auto& name : names) {
+            cached->second.set_signal_data(name, fresh.signal(name).data());
+        }
+        image = catalogue.add_padding(cached->second);
+    } else {
+        image = catalogue.add_padding(fresh);
+        m_tx_groups.emplace(catalogue_topic, std::move(fresh));
+    }
+    record.data.assign(image.begin(), image.end());
+
+    if (m_writer.transmit_data(record)) {
+        return;
+    }
+    logging::ALERT << g_log << "TX queue port is gone, there's nothing more to do."
+                   << " The ECU will be restarted!";
+    // Its exit status changes nothing: the daemon ends either way.
+    [[maybe_unused]] int status = std::system("systemctl stop norvex");
+    m_reader.stop_requested = true;
+}
+
+}  // namespace ecu::kora::ipcd

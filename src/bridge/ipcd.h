@@ -1,0 +1,109 @@
+#pragma once
+
+// IPCd: the bridge between the RT partition's queue ports and the broker.
+//
+// Four threads enter it:
+// - the start-up thread: construction, then run(), which ends blocked in the
+//   join of the reader thread;
+// - the RX reader thread: consume() per RT record in arrival order, then
+//   finished() once;
+// - the transport client's delivery thread: message() per broker message;
+// - the earlybird thread: waits for the start-up target, drains the earlybird
+//   queue once and ends.
+// Locks: m_earlybird_mutex guards the earlybird queue and its done flag,
+// m_target_mutex the target flag. No operation holds both, and neither is held
+// while a message is framed or published. The subscription map is shared
+// without a lock: its keys are fixed at construction and its requested flags
+// only go from false to true.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "ipc_signal.h"
+#include "message.h"
+#include "queue_port.h"
+#include "signal_adapter.h"
+#include "transport.h"
+
+namespace ecu::kora::ipcd {
+
+class IPCd : public com::ISubscriptionObserver, public ipc::IDataConsumer<ipc::IpcSignal> {
+public:
+    // One entry of the RT-signal subscription map, keyed by RT id.
+    struct RequestTopic {
+        RequestTopic(std::string topic_name, bool is_retained)
+            : topic(std::move(topic_name)), retained(is_retained) {}
+        std::string topic;
+        // Set by the delivery thread, read by the reader and earlybird
+        // threads; only ever goes from false to true.
+        std::atomic<bool> requested{false};
+        bool retained = false;
+    };
+
+    // One RT record held back until the start-up target is reached.
+    struct EarlybirdData {
+        EarlybirdData(std::uint32_t id, const std::string& topic_name, const com::Message& msg)
+            : rt_id(id), topic(topic_name), message(msg) {}
+        std::uint32_t rt_id;
+        std::string topic;
+        com::Message message;
+    };
+
+    // Takes the client over (the caller's pointer is empty afterwards) and
+    // builds the subscription map from the signal catalogue.
+    explicit IPCd(std::shared_ptr<com::ITransportClient>& transport);
+    IPCd(const IPCd&) = delete;
+    IPCd& operator=(const IPCd&) = delete;
+    ~IPCd() override;
+
+    // Starts everything and blocks until RT reading ends, then ends the
+    // process (status 0; status 1 for a start-up failure). Returns only when
+    // the broker connection fails.
+    void run();
+
+    void message(const std::string& topic, const com::Message& msg) override;
+    void consume(const ipc::IpcSignal& signal) override;
+    void finished() override;
+
+    // Starts the earlybird thread; run() does this once both ports are open.
+    void start_earlybird_thread();
+
+    // Settings written by start-up before run(), read-only afterwards; the
+    // rest is the bridge's own state, public so that tests can look at it.
+    std::string m_queue_rx;
+    std::string m_queue_tx;
+    std::shared_ptr<com::ITransportClient> m_transport;
+    std::map<std::uint32_t, RequestTopic> m_rt_topics;
+    std::uint32_t m_requested_count = 0;
+    ipc::TxQueuePort m_writer;
+    ipc::RxQueuePort m_reader;
+    std::set<std::uint32_t> m_log_rt_signals;
+    std::deque<EarlybirdData> m_earlybird;
+    std::thread m_earlybird_thread;
+    std::mutex m_earlybird_mutex;
+    bool m_earlybird_done = false;
+    std::mutex m_target_mutex;
+    std::condition_variable m_target_cv;
+    bool m_target_reached = false;
+    bool m_log_queue_size = false;
+    std::unordered_map<std::string, rt::SignalGroup> m_tx_groups;
+
+private:
+    void earlybird_flush();
+    void send_to_rt(const std::string& topic, const com::Message& msg);
+    void handle_system_state(const com::Message& msg);
+    void handle_announcement(const com::Message& msg);
+    void handle_tpa_status(const std::string& topic, const com::Message& msg);
+    void report_target_reached();
+};
+
+}  // namespace ecu::kora::ipcd

@@ -1,0 +1,51 @@
+// ipcd: bridges the RT partition's queue ports and the local MQTT broker.
+// main() turns the command line and the configuration file into one running
+// bridge; every failure before the bridge runs ends the process with status 1.
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "build_stamp.h"
+#include "command_line.h"
+#include "ipcd.h"
+#include "logging.h"
+#include "startup.h"
+#include "transport.h"
+
+int main(int argc, char** argv) {
+    using namespace ecu::kora;
+    static const auto log = logging::module("ipcd");
+    const ipcd::CommandLineOptions& options = ipcd::g_command_line;
+
+    if (ipcd::parse_opts(argc, argv) == 0) {
+        ipcd::usage();
+        std::exit(1);
+    }
+    logging::NOTICE << log << "ipcd version " << ipcd_build_stamp();
+
+    std::unique_ptr<config::Configuration> config = ipcd::build_configuration(options);
+    if (!config) {
+        std::exit(1);
+    }
+
+    auto transport = com::create_client(config, com::TransportType::mqtt);
+    if (!transport) {
+        std::exit(1);
+    }
+    ipcd::IPCd bridge(transport);
+    if (options.log_queue_size || config->get("log_queue_size") == "true") {
+        bridge.m_log_queue_size = true;
+    }
+    // A non-empty option replaces the configured list; the two never merge.
+    const std::string rt_signal_list =
+        !options.log_rt_signal.empty() ? options.log_rt_signal : config->get("log_rt_signal");
+    bridge.m_log_rt_signals = ipcd::split_as<unsigned>(rt_signal_list, ',');
+    bridge.m_queue_rx = config->get("queue_rx");
+    bridge.m_queue_tx = config->get("queue_tx");
+
+    // Returns only when the broker connection failed; every other end of the
+    // bridge ends the process itself.
+    bridge.run();
+    return 0;
+}

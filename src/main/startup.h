@@ -1,0 +1,20 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "command_line.h"
+#include "configuration.h"
+
+namespace ecu::kora::ipcd {
+
+inline const std::string default_config_file = "/etc/kirn/ipcd.conf";
+
+// Builds the configuration from the file (options.config_file, else
+// default_file), the bridge's defaults and the command-line overrides, and sets
+// the log mode and level on the way. Empty when start-up must end with status
+// 1: the named file cannot be opened or the configuration does not verify.
+std::unique_ptr<config::Configuration> build_configuration(
+    const CommandLineOptions& options, const std::string& default_file = default_config_file);
+
+}  // namespace ecu::kora::ipcd
