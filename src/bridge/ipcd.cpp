@@ -1,7 +1,7 @@
 #include "ipcd.h"
 
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 #include "bridge_bodies.pb.h"
@@ -16,7 +16,6 @@ namespace {
 // Process-wide: tells the service manager "STOPPING=1" when the process ends.
 ipc::Systemd g_systemd;
 
-std::uint32_t g_time_sync_id = 0;
 const std::string g_announcement_topic = com::subscription_announcement_topic;
 const std::string g_subscriptions_topic = com::subscription_status_topic;
 const std::string g_frame_start_topic = "rt/system/timestamp";
@@ -47,6 +46,8 @@ std::uint32_t queue_size_of(const std::vector<std::uint8_t>& data) {
 }
 
 }  // namespace
+
+std::uint32_t g_time_sync_id = 0;
 
 IPCd::IPCd(std::shared_ptr<com::ITransportClient>& transport)
     : m_queue_rx("/dev/qport/telematics_kpx_receive"),
@@ -177,8 +178,8 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
     const bool requested = rt_topic.requested.load(std::memory_order_relaxed);
     {
         auto line = logging::INFO << g_log;
-        line << "Data for topic '" << rt_topic.topic << "' received " << "(rt id: " << signal.id
-             << ") ";
+        line << "Data for topic '" << rt_topic.topic << "' received "
+             << "(rt id: " << signal.id << ") ";
         if (rt_topic.retained) {
             line << "(retained) ";
         }
@@ -199,9 +200,8 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
     com::PbInternalMessageAdapter<pb::RtSignal> adapter(1);
     auto framed = adapter.serialize(body);
     if (!framed.success) {
-        logging::ERROR << g_log << "Unable to serialize RtSignal '" << signal.id
-                       << "' for topic: '" << rt_topic.topic
-                       << "', nothing will be relayed to RT!";
+        logging::ERROR << g_log << "Unable to serialize RtSignal '" << signal.id << "' for topic: '"
+                       << rt_topic.topic << "', nothing will be relayed to RT!";
         return;
     }
     framed.message.retained = rt_topic.retained;
@@ -271,7 +271,8 @@ void IPCd::message(const std::string& topic, const com::Message& msg) {
     } else if (topic == g_tpa_topic) {
         handle_tpa_status(topic, msg);
     } else {
-        logging::INFO << g_log << "Message received on unhandled topic " << "'" << topic << "'";
+        logging::INFO << g_log << "Message received on unhandled topic "
+                      << "'" << topic << "'";
     }
 }
 
@@ -304,8 +305,8 @@ void IPCd::handle_announcement(const com::Message& msg) {
     const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
     for (const auto& topic : result.body.topics()) {
         if (topic.compare(0, 3, "rt/") != 0) {
-            logging::INFO << g_log << "Client App request data for non rt-topic (ignored): "
-                          << topic;
+            logging::INFO << g_log
+                          << "Client App request data for non rt-topic (ignored): " << topic;
             continue;
         }
         std::uint32_t id = catalogue.map_topic_to_rtid(topic);

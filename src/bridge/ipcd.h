@@ -36,6 +36,10 @@
 
 namespace ecu::kora::ipcd {
 
+// RT id of "rt/system/time_sync"; set by run() before the reader thread starts
+// (tests of the relay set it themselves).
+extern std::uint32_t g_time_sync_id;
+
 class IPCd : public com::ISubscriptionObserver, public ipc::IDataConsumer<ipc::IpcSignal> {
 public:
     // One entry of the RT-signal subscription map, keyed by RT id.

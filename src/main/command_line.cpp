@@ -116,11 +116,15 @@ void usage() {
                  "DEBUG\n"
               << "        Default: " << logging::get_default_log_level_name() << "\n"
               << "  -Q, --log-queue-size    Logs the queue-size to STDOUT\n"
-              << "  -h, --help              show this help" << "\n"
-              << "  -V, --version           show version of IPCd" << "\n"
+              << "  -h, --help              show this help"
+              << "\n"
+              << "  -V, --version           show version of IPCd"
+              << "\n"
               << std::endl;
 }
 
-void version() { std::cout << "IPCd version: " << ipcd_build_stamp() << std::endl; }
+void version() {
+    std::cout << "IPCd version: " << ipcd_build_stamp() << std::endl;
+}
 
 }  // namespace ecu::kora::ipcd

@@ -10,13 +10,13 @@
 namespace ecu::kora::ipcd {
 
 struct CommandLineOptions {
-    std::string config_file;    // -c
-    std::string host;           // -H
-    std::string port;           // -p
-    std::string queue_rx;       // -r
-    std::string queue_tx;       // -t
-    std::string loglevel;       // -l, -v
-    std::string log_rt_signal;  // -s
+    std::string config_file;      // -c
+    std::string host;             // -H
+    std::string port;             // -p
+    std::string queue_rx;         // -r
+    std::string queue_tx;         // -t
+    std::string loglevel;         // -l, -v
+    std::string log_rt_signal;    // -s
     bool log_queue_size = false;  // -Q
     bool log_stdout = false;      // -L
 };

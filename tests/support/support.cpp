@@ -235,18 +235,20 @@ std::size_t Process::count_out(const std::string& text) const {
 }
 
 Broker::Broker() : m_port(free_port()) {
-    m_dir.write("mosquitto.conf",
-                "listener " + std::to_string(m_port) + " 127.0.0.1\n"
-                "allow_anonymous true\n"
-                "persistence false\n"
-                "max_queued_messages 0\n"
-                "set_tcp_nodelay true\n"
-                "log_dest stderr\n"
-                "log_type error\n");
+    m_dir.write("mosquitto.conf", "listener " + std::to_string(m_port) +
+                                      " 127.0.0.1\n"
+                                      "allow_anonymous true\n"
+                                      "persistence false\n"
+                                      "max_queued_messages 0\n"
+                                      "set_tcp_nodelay true\n"
+                                      "log_dest stderr\n"
+                                      "log_type error\n");
     start();
 }
 
-Broker::~Broker() { stop(); }
+Broker::~Broker() {
+    stop();
+}
 
 void Broker::start() {
     m_process = std::make_unique<Process>(
@@ -266,14 +268,16 @@ void Broker::stop(bool hard) {
 }
 
 LogCapture::LogCapture() {
-    ecu::kora::logging::set_sink([this](int severity, const std::string& module,
-                                        const std::string& text) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back({severity, module, text});
-    });
+    ecu::kora::logging::set_sink(
+        [this](int severity, const std::string& module, const std::string& text) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back({severity, module, text});
+        });
 }
 
-LogCapture::~LogCapture() { ecu::kora::logging::set_sink({}); }
+LogCapture::~LogCapture() {
+    ecu::kora::logging::set_sink({});
+}
 
 std::vector<LogCapture::Line> LogCapture::lines() const {
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -49,8 +49,9 @@ bool Configuration::verify() const {
     }
     const std::string& port = get("port");
     if (!port.empty() && !is_port_number(port)) {
-        logging::ERROR << log() << "Configuration key 'port' is not a port number from 1 to 65535: '"
-                       << port << "'";
+        logging::ERROR << log()
+                       << "Configuration key 'port' is not a port number from 1 to 65535: '" << port
+                       << "'";
         ok = false;
     }
     return ok;

@@ -22,8 +22,8 @@ LogStream DEBUG{Severity::debug};
 
 namespace {
 
-constexpr std::array<const char*, 8> g_level_names = {"EMERG", "ALERT",  "CRITICAL", "ERROR",
-                                                      "WARNING", "NOTICE", "INFO", "DEBUG"};
+constexpr std::array<const char*, 8> g_level_names = {"EMERG",   "ALERT",  "CRITICAL", "ERROR",
+                                                      "WARNING", "NOTICE", "INFO",     "DEBUG"};
 
 // Function-local statics: modules are created during static initialisation of
 // other translation units, before this file's globals could be relied upon.
@@ -82,8 +82,7 @@ void write_line(int severity, const LogModule& module, const std::string& text) 
     FILE* out = mode == LogMode::standard_output ? stdout : stderr;
     // One fprintf per line and a flush at once: readers of a pipe see the line
     // as it happens.
-    fprintf(out, "%s %s %s: %s\n", when, level_name(severity), module.name().c_str(),
-            text.c_str());
+    fprintf(out, "%s %s %s: %s\n", when, level_name(severity), module.name().c_str(), text.c_str());
     fflush(out);
 }
 
@@ -99,13 +98,17 @@ std::shared_ptr<LogModule> module(const std::string& name) {
     return slot;
 }
 
-void enable(const std::string& module_name, bool on) { module(module_name)->set_enabled(on); }
+void enable(const std::string& module_name, bool on) {
+    module(module_name)->set_enabled(on);
+}
 
 void set_log_mode(LogMode mode) {
     state().mode.store(static_cast<int>(mode), std::memory_order_relaxed);
 }
 
-LogMode get_log_mode() { return static_cast<LogMode>(state().mode.load(std::memory_order_relaxed)); }
+LogMode get_log_mode() {
+    return static_cast<LogMode>(state().mode.load(std::memory_order_relaxed));
+}
 
 int get_log_level() {
     std::atomic<int>& level = state().level;
@@ -128,7 +131,9 @@ void configure_logging(const std::string& level_name_text) {
             << level_name(get_log_level());
 }
 
-std::string get_default_log_level_name() { return level_name(default_level()); }
+std::string get_default_log_level_name() {
+    return level_name(default_level());
+}
 
 const char* level_name(int severity) {
     if (severity < 0 || severity >= static_cast<int>(g_level_names.size())) {
@@ -183,12 +188,16 @@ LogLine::LogLine(LogLine&& other) noexcept
     other.m_active = false;
 }
 
-LogLine::~LogLine() { m_stream->do_flush(*this); }
+LogLine::~LogLine() {
+    m_stream->do_flush(*this);
+}
 
 LogLine operator<<(LogStream& stream, const std::shared_ptr<LogModule>& module) {
     return LogLine(stream, module.get(), stream.admits(module.get()));
 }
 
-const LogModule* LogStreambuf::get_active_module() { return g_active_module; }
+const LogModule* LogStreambuf::get_active_module() {
+    return g_active_module;
+}
 
 }  // namespace ecu::kora::logging

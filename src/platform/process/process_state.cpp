@@ -4,13 +4,19 @@
 
 namespace ecu::kora {
 
-void application_starting() { sd_notify(0, "STATUS=starting"); }
+void application_starting() {
+    sd_notify(0, "STATUS=starting");
+}
 
-void application_ready() { sd_notify(0, "READY=1"); }
+void application_ready() {
+    sd_notify(0, "READY=1");
+}
 
 namespace ipc {
 
-Systemd::~Systemd() { sd_notify(0, "STOPPING=1"); }
+Systemd::~Systemd() {
+    sd_notify(0, "STOPPING=1");
+}
 
 }  // namespace ipc
 }  // namespace ecu::kora

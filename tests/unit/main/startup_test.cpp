@@ -125,7 +125,8 @@ TEST_F(BuildConfiguration, LogModeAndLevelLayers) {
     options.config_file = dir.write("a.conf", "logmode=STDOUT\nloglevel=INFO\n");
     logging::set_log_mode(logging::LogMode::standard_error);
     ASSERT_TRUE(ipcd::build_configuration(options));
-    EXPECT_TRUE(capture.has(logging::Severity::notice, "logmode from config 'STDOUT' not recognized"));
+    EXPECT_TRUE(
+        capture.has(logging::Severity::notice, "logmode from config 'STDOUT' not recognized"));
     EXPECT_EQ(logging::get_log_mode(), logging::LogMode::standard_error);
     EXPECT_EQ(logging::get_log_level(), logging::Severity::info);
 

@@ -34,7 +34,7 @@ TEST(Configuration, FileSyntax) {
         "\r\n");
     EXPECT_EQ(config->get("host"), "broker.local");
     EXPECT_EQ(config->get("queue_rx"), "/dev/a=b");  // the value is all after the first '='
-    EXPECT_EQ(config->get("port"), "2000");           // a later line wins
+    EXPECT_EQ(config->get("port"), "2000");          // a later line wins
     EXPECT_EQ(config->get("empty"), "");
     EXPECT_EQ(config->get("no equals sign here"), "");
 
