@@ -1,0 +1,386 @@
+#include "queue_port.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "logging.h"
+
+namespace ecu::kora::ipc {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+const std::shared_ptr<logging::LogModule>& port_log() {
+    static const auto module = logging::module("kora.ipc.queueport");
+    return module;
+}
+
+// Short enough that a stop request is seen well within 100 ms, long enough
+// that an idle port costs nothing.
+constexpr int poll_timeout_ms = 50;
+constexpr std::size_t read_chunk = 64 * 1024;
+constexpr auto open_wait = 2s;
+constexpr auto open_retry = 10ms;
+
+// What happened to one system call: its result and, when it failed, errno.
+struct SysResult {
+    long value = 0;
+    int error = 0;
+    const char* name = "";
+
+    bool failed() const { return value < 0; }
+    std::string message() const { return std::string(name) + ": " + std::strerror(error); }
+};
+
+// close() must not be retried: Linux has released the descriptor even when it
+// reports EINTR, and a retry could close one that another thread just got.
+enum class OnEintr { retry, done };
+
+// Every system call of the queue ports goes through here, so EINTR handling
+// and errno capture live in one place.
+template <typename Fn>
+SysResult sys_call(const char* name, Fn&& fn, OnEintr on_eintr = OnEintr::retry) {
+    for (;;) {
+        errno = 0;
+        const long value = static_cast<long>(fn());
+        if (value >= 0) {
+            return {value, 0, name};
+        }
+        const int error = errno;
+        if (error == EINTR) {
+            if (on_eintr == OnEintr::retry) {
+                continue;
+            }
+            return {0, 0, name};
+        }
+        return {value, error, name};
+    }
+}
+
+void close_fd(int& fd) {
+    if (fd >= 0) {
+        const int closing = fd;
+        sys_call(
+            "close", [closing] { return ::close(closing); }, OnEintr::done);
+        fd = -1;
+    }
+}
+
+void put_le(std::uint8_t* at, std::uint64_t value, std::size_t bytes) {
+    for (std::size_t i = 0; i < bytes; ++i) {
+        at[i] = static_cast<std::uint8_t>(value >> (8 * i));
+    }
+}
+
+std::uint64_t get_le(const std::uint8_t* at, std::size_t bytes) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < bytes; ++i) {
+        value |= static_cast<std::uint64_t>(at[i]) << (8 * i);
+    }
+    return value;
+}
+
+// Whether the bytes from at up to end could be the start of a record: the
+// whole magic, or as much of it as has arrived.
+bool magic_prefix_at(const std::uint8_t* at, const std::uint8_t* end) {
+    const auto n = std::min<std::size_t>(sizeof record_magic, static_cast<std::size_t>(end - at));
+    return std::memcmp(at, record_magic, n) == 0;
+}
+
+void report_damage(const std::string& path, std::size_t skipped,
+                   IDataConsumer<IpcSignal>& consumer) {
+    logging::ERROR << port_log() << "queue port " << path << ": stream out of step, skipped "
+                   << skipped << " bytes to the next record";
+    consumer.resynchronised(skipped);
+}
+
+}  // namespace
+
+bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out) {
+    if (signal.data.size() > record_max_payload) {
+        return false;
+    }
+    out.resize(record_header_size + signal.data.size());
+    std::uint8_t* h = out.data();
+    std::memcpy(h, record_magic, sizeof record_magic);
+    put_le(h + 4, signal.id, 4);
+    put_le(h + 8, signal.timestamp, 8);
+    put_le(h + 16, signal.data.size(), 4);
+    h[20] = signal.tag;
+    h[21] = h[22] = h[23] = 0;
+    std::copy(signal.data.begin(), signal.data.end(), out.begin() + record_header_size);
+    return true;
+}
+
+void RecordDecoder::feed(const std::uint8_t* data, std::size_t size) {
+    // Consumed bytes are dropped only once they are at least half the buffer,
+    // so each byte is moved at most once on average.
+    if (m_start == m_buffer.size()) {
+        m_buffer.clear();
+        m_start = 0;
+    } else if (m_start > 0 && m_start >= m_buffer.size() / 2) {
+        m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(m_start));
+        m_start = 0;
+    }
+    m_buffer.insert(m_buffer.end(), data, data + size);
+}
+
+bool RecordDecoder::next(IpcSignal& out) {
+    for (;;) {
+        const std::uint8_t* begin = m_buffer.data() + m_start;
+        const std::uint8_t* end = m_buffer.data() + m_buffer.size();
+        const std::size_t available = static_cast<std::size_t>(end - begin);
+        if (available == 0) {
+            return false;
+        }
+        bool damaged = !magic_prefix_at(begin, end);
+        std::uint64_t length = 0;
+        if (!damaged && available >= 20) {
+            length = get_le(begin + 16, 4);
+            damaged = length > record_max_payload;
+        }
+        if (damaged) {
+            // Skip to the next place where a magic starts, or could start with
+            // bytes still to come; memchr keeps the search cheap on long damage.
+            const std::uint8_t* at = begin + 1;
+            while (at < end) {
+                at = static_cast<const std::uint8_t*>(
+                    std::memchr(at, record_magic[0], static_cast<std::size_t>(end - at)));
+                if (at == nullptr) {
+                    at = end;
+                } else if (magic_prefix_at(at, end)) {
+                    break;
+                } else {
+                    ++at;
+                }
+            }
+            const auto skipped = static_cast<std::size_t>(at - begin);
+            m_skipped += skipped;
+            m_start += skipped;
+            continue;
+        }
+        if (available < record_header_size || available < record_header_size + length) {
+            return false;
+        }
+        out.id = static_cast<std::uint32_t>(get_le(begin + 4, 4));
+        out.timestamp = get_le(begin + 8, 8);
+        out.tag = begin[20];
+        out.data.assign(begin + record_header_size, begin + record_header_size + length);
+        m_start += record_header_size + static_cast<std::size_t>(length);
+        return true;
+    }
+}
+
+std::size_t RecordDecoder::take_skipped() {
+    const std::size_t skipped = m_skipped;
+    m_skipped = 0;
+    return skipped;
+}
+
+template <std::size_t Depth, typename Record>
+QueuePortReader<Depth, Record>::QueuePortReader(IDataConsumer<IpcSignal>& consumer)
+    : m_consumer(consumer) {}
+
+template <std::size_t Depth, typename Record>
+QueuePortReader<Depth, Record>::~QueuePortReader() {
+    close_fd(m_fd);
+}
+
+template <std::size_t Depth, typename Record>
+bool QueuePortReader<Depth, Record>::open(const std::string& path) {
+    close_fd(m_fd);
+    m_path = path;
+    // Non-blocking so that a FIFO opens before any writer exists.
+    const auto r =
+        sys_call("open", [&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
+    if (r.failed()) {
+        logging::ERROR << port_log() << "cannot open RX queue port " << path << ": "
+                       << std::strerror(r.error);
+        return false;
+    }
+    m_fd = static_cast<int>(r.value);
+    return true;
+}
+
+template <std::size_t Depth, typename Record>
+void QueuePortReader<Depth, Record>::read_loop() {
+    if (m_fd < 0) {
+        logging::ERROR << port_log() << "RX queue port " << m_path << " is not open";
+        m_consumer.finished();
+        return;
+    }
+    // A FIFO reads 0 both before its first writer and after its last one has
+    // gone; only the latter ends it. Anything else ends at its first 0.
+    struct stat st {};
+    const bool fifo =
+        !sys_call("fstat", [&] { return ::fstat(m_fd, &st); }).failed() && S_ISFIFO(st.st_mode);
+
+    RecordDecoder decoder;
+    std::vector<std::uint8_t> chunk(read_chunk);
+    IpcSignal record;
+    std::size_t damage = 0;  // bytes of the damaged stretch not yet reported
+    bool ended = false;
+
+    while (!ended && !stop_requested.load()) {
+        pollfd pfd{m_fd, POLLIN, 0};
+        const auto p = sys_call("poll", [&] { return ::poll(&pfd, 1, poll_timeout_ms); });
+        if (p.failed()) {
+            logging::ERROR << port_log() << "RX queue port " << m_path << ": " << p.message();
+            break;
+        }
+        if (p.value == 0) {
+            continue;
+        }
+        const auto n = sys_call("read", [&] { return ::read(m_fd, chunk.data(), chunk.size()); });
+        if (n.failed()) {
+            if (n.error == EAGAIN || n.error == EWOULDBLOCK) {
+                continue;
+            }
+            logging::ERROR << port_log() << "RX queue port " << m_path << ": " << n.message();
+            break;
+        }
+        if (n.value == 0) {
+            // Without POLLHUP a FIFO has never had a writer: keep waiting. Linux
+            // poll does not even wake in that state; the check keeps a spurious
+            // wake-up from ending the port, and poll keeps this from spinning.
+            if (!fifo || (pfd.revents & POLLHUP) != 0) {
+                ended = true;
+            }
+        } else {
+            decoder.feed(chunk.data(), static_cast<std::size_t>(n.value));
+        }
+
+        // A stretch of damage is reported once, when the record after it
+        // completes (or the device ends), however many reads it spans.
+        std::size_t delivered = 0;
+        for (;;) {
+            const bool got = decoder.next(record);
+            damage += decoder.take_skipped();
+            if (!got) {
+                break;
+            }
+            if (damage > 0) {
+                report_damage(m_path, damage, m_consumer);
+                damage = 0;
+            }
+            m_consumer.consume(record);
+            if (++delivered % Depth == 0 && stop_requested.load()) {
+                break;
+            }
+        }
+    }
+    if (ended) {
+        if (damage > 0) {
+            report_damage(m_path, damage, m_consumer);
+        }
+        if (decoder.pending() > 0) {
+            logging::ERROR << port_log() << "RX queue port " << m_path << " ended inside a record, "
+                           << decoder.pending() << " bytes discarded";
+        }
+    }
+    m_consumer.finished();
+}
+
+template <std::size_t Depth, typename Record>
+QueuePortWriter<Depth, Record>::~QueuePortWriter() {
+    close_fd(m_fd);
+}
+
+template <std::size_t Depth, typename Record>
+bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
+    // A reader that goes away must come back as EPIPE from write(), not as a
+    // signal that ends the whole daemon.
+    static std::once_flag sigpipe_once;
+    std::call_once(sigpipe_once, [] {
+        sys_call("signal", [] { return std::signal(SIGPIPE, SIG_IGN) == SIG_ERR ? -1 : 0; });
+    });
+
+    close_fd(m_fd);
+    m_path = path;
+    // O_APPEND so that a regular file used as the port keeps what it holds.
+    const auto deadline = Clock::now() + open_wait;
+    for (;;) {
+        const auto r = sys_call("open", [&] {
+            return ::open(path.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC);
+        });
+        if (!r.failed()) {
+            m_fd = static_cast<int>(r.value);
+            return true;
+        }
+        // ENXIO: a FIFO whose reader has not opened it yet.
+        if (r.error != ENXIO || Clock::now() >= deadline) {
+            logging::ERROR << port_log() << "cannot open TX queue port " << path << ": "
+                           << std::strerror(r.error);
+            return false;
+        }
+        std::this_thread::sleep_for(open_retry);
+    }
+}
+
+template <std::size_t Depth, typename Record>
+bool QueuePortWriter<Depth, Record>::transmit_data(const IpcSignal& signal) {
+    if (m_fd < 0) {
+        logging::ERROR << port_log() << "TX queue port " << m_path << " is not open";
+        return false;
+    }
+    if (!encode_record(signal, m_buffer)) {
+        logging::ERROR << port_log() << "TX queue port " << m_path << ": record of id " << signal.id
+                       << " has " << signal.data.size() << " payload bytes, more than "
+                       << record_max_payload << "; not sent";
+        return false;
+    }
+    // One write() normally carries the whole record. A record larger than
+    // PIPE_BUF may go in parts on a non-blocking FIFO; the rest follows within
+    // the same wait so that the reader never sees a torn record.
+    // Signed on purpose: an unsigned Depth would make the time left wrap
+    // around instead of going negative once the deadline has passed.
+    constexpr std::chrono::milliseconds room_wait{125 * static_cast<long>(Depth)};
+    const auto deadline = Clock::now() + room_wait;
+    std::size_t done = 0;
+    while (done < m_buffer.size()) {
+        const auto w = sys_call(
+            "write", [&] { return ::write(m_fd, m_buffer.data() + done, m_buffer.size() - done); });
+        if (w.failed() && w.error != EAGAIN && w.error != EWOULDBLOCK) {
+            logging::ERROR << port_log() << "TX queue port " << m_path << ": " << w.message();
+            return false;
+        }
+        if (w.value > 0) {
+            done += static_cast<std::size_t>(w.value);
+            continue;
+        }
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            logging::ERROR << port_log() << "TX queue port " << m_path << ": no room for "
+                           << (m_buffer.size() - done) << " of " << m_buffer.size()
+                           << " bytes within " << room_wait.count() << " ms";
+            return false;
+        }
+        pollfd pfd{m_fd, POLLOUT, 0};
+        const auto p =
+            sys_call("poll", [&] { return ::poll(&pfd, 1, static_cast<int>(left.count())); });
+        if (p.failed()) {
+            logging::ERROR << port_log() << "TX queue port " << m_path << ": " << p.message();
+            return false;
+        }
+        // POLLERR (reader gone) shows up as EPIPE on the next write.
+    }
+    return true;
+}
+
+template class QueuePortReader<24, signal_t_dyn<24>>;
+template class QueuePortWriter<8, signal_t_dyn<8>>;
+
+}  // namespace ecu::kora::ipc
