@@ -102,12 +102,15 @@ SerializationResult PbInternalMessageAdapter<T>::serialize(const T& body) {
                           (header_length << 16U) | (body_length << 32U));
     try {
         // The frame is encoded straight into the message's payload: one buffer
-        // of the exact size, no intermediate copies.
+        // of the exact size, and each part sized only once (the sizes computed
+        // above are cached in the messages).
         std::vector<std::uint8_t> frame(header_length + body_length);
-        if (!header.SerializeToArray(frame.data(), static_cast<int>(header_length))) {
+        std::uint8_t* end = header.SerializeWithCachedSizesToArray(frame.data());
+        if (end != frame.data() + header_length) {
             throw std::runtime_error("unable to serialize QTXheader!");
         }
-        if (!body.SerializeToArray(frame.data() + header_length, static_cast<int>(body_length))) {
+        end = body.SerializeWithCachedSizesToArray(end);
+        if (end != frame.data() + frame.size()) {
             throw std::runtime_error("unable to serialize body!");
         }
         result.message.payload = std::move(frame);
