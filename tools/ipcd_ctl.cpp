@@ -1,0 +1,592 @@
+// ipcd-ctl: the client-application side of ipcd on the broker. It publishes
+// the framed bodies that ipcd listens to, and decodes what ipcd publishes.
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "configuration.h"
+#include "message_adapter.h"
+#include "mqtt_client.h"
+#include "tool_common.h"
+#include "transport.h"
+
+namespace com = ecu::kora::com;
+namespace config = ecu::kora::config;
+namespace pb = ecu::kora::pb;
+using namespace ipcd_tools;
+using Json = nlohmann::ordered_json;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr const char* g_usage =
+    "Usage: ipcd-ctl [OPTIONS] COMMAND [ARGS]\n"
+    "Talks to ipcd over the MQTT broker as a client application would.\n"
+    "\n"
+    "Options:\n"
+    "  -H, --host HOST      broker host (default localhost)\n"
+    "  -p, --port PORT      broker port (default 1883)\n"
+    "  --catalogue FILE     signal catalogue (default $KIRN_RT_CATALOGUE, else\n"
+    "                       /etc/kirn/rt_catalogue.json)\n"
+    "  --timeout SECONDS    how long to wait: for acknowledgements (default 5), for\n"
+    "                       the status (default 2), for watch (default: no limit)\n"
+    "  -v, --verbose        also print the transport's log lines\n"
+    "  -h, --help           this text\n"
+    "\n"
+    "Commands:\n"
+    "  announce TOPIC...                  request rt/ topics (subscription/announcement)\n"
+    "  tpa [--wait-for-target] [--target-reached]\n"
+    "                                     start-up status (system/tpa/status)\n"
+    "  state VALUE                        system state 0..255 (system/state/rt; 4 = shutdown)\n"
+    "  send rttx/PATH NAME=VALUE...       signal values of the catalogue group rt/PATH,\n"
+    "                                     decimal or 0x-hex, little-endian\n"
+    "  watch [--json] [--count N] [TOPIC...]\n"
+    "                                     print messages decoded (default topic #)\n"
+    "  status [--json]                    print the subscription status ipcd keeps\n"
+    "\n"
+    "Publishing commands return once the broker has acknowledged the message.\n"
+    "Exit status: 0 done, 1 broker or timeout failure, 2 bad arguments.\n";
+
+constexpr int g_bad_input = 2;
+
+struct Options {
+    std::string host = "localhost";
+    std::string port = "1883";
+    std::string catalogue;
+    double timeout = -1;  // command default
+    bool verbose = false;
+};
+
+// A connected client with its configuration, which must outlive it.
+struct Connection {
+    std::unique_ptr<config::Configuration> config;
+    std::shared_ptr<com::ITransportClient> client;
+};
+
+class Inbox : public com::ISubscriptionObserver {
+public:
+    void message(const std::string& topic, const com::Message& msg) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_queue.emplace_back(topic, msg);
+        m_cv.notify_all();
+    }
+    // The next message within the wait; false when none came.
+    bool next(std::pair<std::string, com::Message>& out, std::chrono::milliseconds wait) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_cv.wait_for(lock, wait, [this] { return !m_queue.empty(); })) {
+            return false;
+        }
+        out = std::move(m_queue.front());
+        m_queue.pop_front();
+        return true;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::deque<std::pair<std::string, com::Message>> m_queue;
+};
+
+std::string marker_topic(const std::string& client_name) {
+    return "ipcd-ctl/" + client_name + "/ready";
+}
+
+// Connects; inbox (if any) gets the topics, subscribed before the connection
+// so that retained messages are not missed.
+bool connect(const Options& o, Connection& c, const std::vector<std::string>& topics = {},
+             const std::shared_ptr<Inbox>& inbox = nullptr) {
+    c.config = std::make_unique<config::Configuration>();
+    c.config->values()["host"] = o.host;
+    c.config->values()["port"] = o.port;
+    c.config->values()["client_name"] = "ipcd-ctl-" + std::to_string(getpid());
+    c.client = com::create_client(c.config, com::TransportType::mqtt);
+    if (!c.client) {
+        error_line("cannot create an MQTT client");
+        return false;
+    }
+    for (const auto& topic : topics) {
+        if (!c.client->subscribe(topic, 2, inbox)) {
+            error_line("cannot subscribe '" + topic + "'");
+            return false;
+        }
+    }
+    if (inbox) {
+        c.client->subscribe(marker_topic(c.client->client_name()), 1, inbox);
+    }
+    if (!c.client->connect() || !c.client->start()) {
+        error_line("cannot connect to broker " + o.host + ":" + o.port);
+        c.client.reset();
+        return false;
+    }
+    return true;
+}
+
+// Publishes and waits for the broker's acknowledgement.
+template <typename T>
+int publish(const Options& o, const std::string& topic, const T& body) {
+    auto framed = com::PbInternalMessageAdapter<T>(1).serialize(body);
+    if (!framed.success) {
+        error_line("cannot frame the message for " + topic);
+        return 1;
+    }
+    Connection c;
+    if (!connect(o, c)) {
+        return 1;
+    }
+    framed.message.qos = 1;
+    if (c.client->publish(topic, framed.message) <= 0) {
+        error_line("cannot publish on " + topic);
+        return 1;
+    }
+    auto* mqtt = dynamic_cast<com::MqttClient*>(c.client.get());
+    const auto deadline =
+        Clock::now() + std::chrono::duration<double>(o.timeout < 0 ? 5 : o.timeout);
+    while (mqtt != nullptr && mqtt->pending() > 0 && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const bool acked = mqtt == nullptr || mqtt->pending() == 0;
+    c.client->stop();
+    if (!acked) {
+        error_line("no acknowledgement from broker " + o.host + ":" + o.port + " for " + topic);
+        return 1;
+    }
+    return 0;
+}
+
+// The header fields of a frame; empty when there is no readable header.
+Json header_of(const com::Message& msg) {
+    pb::QTXHeader header;
+    if (msg.payload.size() < com::qtx_header_length ||
+        !header.ParseFromArray(msg.payload.data(), static_cast<int>(com::qtx_header_length))) {
+        return nullptr;
+    }
+    const std::uint64_t info = header.frame_info();
+    return Json{{"protocol_type", info & 0xFFFFU},
+                {"header_length", (info >> 16U) & 0xFFFFU},
+                {"body_length", info >> 32U},
+                {"timestamp", header.timestamp()}};
+}
+
+template <typename T>
+bool body_of(const com::Message& msg, T& body) {
+    auto result = com::PbInternalMessageAdapter<T>(1).deserialize(msg);
+    body = result.body;
+    return result.success;
+}
+
+Json signal_values(const Catalogue* catalogue, const std::string& topic, const std::string& data) {
+    const auto* group = catalogue != nullptr ? catalogue->by_topic(topic) : nullptr;
+    if (group == nullptr) {
+        return nullptr;
+    }
+    Json out = Json::object();
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(data.data());
+    for (const auto& [name, value] : Catalogue::decode(*group, bytes, data.size())) {
+        auto number = parse_number(value);
+        out[name] = number ? Json(*number) : Json(value);
+    }
+    return out;
+}
+
+// The message decoded by the body type its topic carries.
+Json decode(const Catalogue* catalogue, const std::string& topic, const com::Message& msg) {
+    Json j{{"topic", topic}, {"retained", msg.retained}, {"qos", msg.qos}};
+    Json header = header_of(msg);
+    Json body;
+    std::string type;
+    auto starts = [&topic](const char* prefix) { return topic.rfind(prefix, 0) == 0; };
+    if (!header.is_null() && topic != "system/rt/eod") {
+        if (starts("rt/") || topic == "system/state/rt") {
+            pb::RtSignal b;
+            if (body_of(msg, b)) {
+                type = "RtSignal";
+                body = Json{{"timestamp", b.timestamp()},
+                            {"data", to_hex(b.data())},
+                            {"tag", b.tag()},
+                            {"source", b.source()}};
+                if (topic == "system/state/rt" && !b.data().empty()) {
+                    body["state"] = static_cast<std::uint8_t>(b.data()[0]);
+                }
+                Json values = signal_values(catalogue, topic, b.data());
+                if (!values.is_null()) {
+                    body["signals"] = values;
+                }
+            }
+        } else if (topic == "subscription/announcement") {
+            pb::SubscriptionMessage b;
+            if (body_of(msg, b)) {
+                type = "SubscriptionMessage";
+                body = Json{{"topics",
+                             Json(std::vector<std::string>(b.topics().begin(), b.topics().end()))}};
+            }
+        } else if (topic == "system/ipc/subscriptions") {
+            pb::SubscriptionStatus b;
+            if (body_of(msg, b)) {
+                type = "SubscriptionStatus";
+                body = Json{{"topics",
+                             Json(std::vector<std::string>(b.topics().begin(), b.topics().end()))},
+                            {"topic_count", b.topic_count()},
+                            {"requested_count", b.requested_count()}};
+            }
+        } else if (topic == "system/tpa/status") {
+            pb::TPAStatus b;
+            if (body_of(msg, b)) {
+                type = "TPAStatus";
+                body = Json{{"wait_for_target", b.wait_for_target()},
+                            {"target_reached", b.target_reached()}};
+            }
+        } else if (starts("rttx/")) {
+            pb::SignalGroupData b;
+            if (body_of(msg, b)) {
+                type = "SignalGroupData";
+                body = Json{{"timestamp", b.timestamp()}, {"signals", Json::object()}};
+                const auto* group =
+                    catalogue != nullptr ? catalogue->by_topic("rt/" + topic.substr(5)) : nullptr;
+                for (const auto& s : b.signals()) {
+                    Json value = to_hex(s.data());
+                    if (group != nullptr && s.data().size() <= 8) {
+                        std::uint64_t n = 0;
+                        for (std::size_t i = 0; i < s.data().size(); ++i) {
+                            n |= static_cast<std::uint64_t>(static_cast<std::uint8_t>(s.data()[i]))
+                                 << (8 * i);
+                        }
+                        value = n;
+                    }
+                    body["signals"][s.name()] = value;
+                }
+            }
+        }
+    }
+    if (type.empty()) {
+        j["type"] = "raw";
+        j["payload"] = to_hex(msg.payload);
+    } else {
+        j["header"] = header;
+        j["type"] = type;
+        j["body"] = body;
+    }
+    return j;
+}
+
+std::string flat(const Json& value) {
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (value.is_array()) {
+        std::string out;
+        for (const auto& v : value) {
+            out += (out.empty() ? "" : ",") + flat(v);
+        }
+        return out.empty() ? "-" : out;
+    }
+    if (value.is_boolean()) {
+        return value.get<bool>() ? "1" : "0";
+    }
+    return value.dump();
+}
+
+// One line: topic, flags, header, body type and fields; signal values last.
+std::string text_line(const Json& j) {
+    std::string out = j["topic"].get<std::string>() + " retained=" + flat(j["retained"]) +
+                      " qos=" + flat(j["qos"]);
+    if (j["type"] == "raw") {
+        return out + " raw " + flat(j["payload"]);
+    }
+    const Json& h = j["header"];
+    out += " proto=" + flat(h["protocol_type"]) + " hlen=" + flat(h["header_length"]) +
+           " blen=" + flat(h["body_length"]) + " ts=" + flat(h["timestamp"]) + " " +
+           flat(j["type"]);
+    for (const auto& [key, value] : j["body"].items()) {
+        if (key == "signals") {
+            out += " |";
+            for (const auto& [name, v] : value.items()) {
+                out += " " + name + "=" + flat(v);
+            }
+        } else {
+            out += " " + key + "=" + flat(value);
+        }
+    }
+    return out;
+}
+
+void print_line(const std::string& line) {
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+}
+
+std::unique_ptr<Catalogue> load_catalogue(const Options& o, bool required) {
+    const std::string path = catalogue_path(o.catalogue);
+    if (!required && o.catalogue.empty() && access(path.c_str(), R_OK) != 0) {
+        return nullptr;  // decoding signal values is optional for watchers
+    }
+    auto catalogue = std::make_unique<Catalogue>();
+    return catalogue->load(path) ? std::move(catalogue) : nullptr;
+}
+
+// Prints the messages of topics until count were printed, the time runs out
+// or a signal comes. Exit status 1 when fewer than count came.
+int watch(const Options& o, std::vector<std::string> topics, bool json, std::uint64_t count) {
+    auto catalogue = load_catalogue(o, false);
+    if (!catalogue && (!o.catalogue.empty() || std::getenv("KIRN_RT_CATALOGUE") != nullptr)) {
+        return g_bad_input;
+    }
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGTERM);
+    // Blocked before the client's threads start, so that only the signalfd sees them.
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    const int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+
+    auto inbox = std::make_shared<Inbox>();
+    Connection c;
+    if (!connect(o, c, topics, inbox)) {
+        return 1;
+    }
+    const std::string marker = marker_topic(c.client->client_name());
+    com::Message ping;
+    ping.qos = 1;
+    c.client->publish(marker, ping);
+
+    const bool limited = o.timeout >= 0;
+    const auto deadline =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                           std::chrono::duration<double>(limited ? o.timeout : 0));
+    std::uint64_t printed = 0;
+    bool ready = false;
+    while (count == 0 || printed < count) {
+        signalfd_siginfo info{};
+        if (read(sig_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+            break;
+        }
+        if (limited && Clock::now() >= deadline) {
+            break;
+        }
+        std::pair<std::string, com::Message> m;
+        if (!inbox->next(m, std::chrono::milliseconds(50))) {
+            continue;
+        }
+        if (m.first == marker) {
+            // Our own message came back: every subscription is in place.
+            if (!ready) {
+                error_line("watching " + flat(Json(topics)));
+                ready = true;
+            }
+            continue;
+        }
+        if (m.first.rfind("ipcd-ctl/", 0) == 0) {
+            continue;  // other watchers' markers
+        }
+        const Json j = decode(catalogue.get(), m.first, m.second);
+        print_line(json ? j.dump() : text_line(j));
+        ++printed;
+    }
+    c.client->stop();
+    return count != 0 && printed < count ? 1 : 0;
+}
+
+int status(const Options& o, bool json) {
+    auto inbox = std::make_shared<Inbox>();
+    Connection c;
+    if (!connect(o, c, {com::subscription_status_topic}, inbox)) {
+        return 1;
+    }
+    const auto wait = std::chrono::duration<double>(o.timeout < 0 ? 2 : o.timeout);
+    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(wait);
+    std::pair<std::string, com::Message> m;
+    while (Clock::now() < deadline) {
+        if (inbox->next(m, std::chrono::milliseconds(50)) &&
+            m.first == com::subscription_status_topic) {
+            const Json j = decode(nullptr, m.first, m.second);
+            print_line(json ? j.dump() : text_line(j));
+            c.client->stop();
+            return 0;
+        }
+    }
+    c.client->stop();
+    print_line("no subscription status");
+    return 1;
+}
+
+int send(const Options& o, const std::string& topic, const std::vector<std::string>& pairs) {
+    if (topic.rfind("rttx/", 0) != 0 || topic.size() <= 5) {
+        error_line("send: topic '" + topic + "' does not begin with rttx/");
+        return g_bad_input;
+    }
+    auto catalogue = load_catalogue(o, true);
+    if (!catalogue) {
+        return g_bad_input;
+    }
+    const std::string rt_topic = "rt/" + topic.substr(5);
+    const auto* group = catalogue->by_topic(rt_topic);
+    if (group == nullptr) {
+        error_line("send: unknown topic '" + rt_topic + "' in the catalogue");
+        return g_bad_input;
+    }
+    if (pairs.empty()) {
+        error_line("send: no NAME=VALUE given");
+        return g_bad_input;
+    }
+    std::vector<std::pair<std::string, std::vector<std::uint8_t>>> values;
+    std::string error;
+    if (!catalogue->encode_pairs(*group, pairs, values, error)) {
+        error_line("send: " + error);
+        return g_bad_input;
+    }
+    pb::SignalGroupData body;
+    body.set_timestamp(boot_time_ns());
+    for (const auto& [name, bytes] : values) {
+        auto* s = body.add_signals();
+        s->set_name(name);
+        s->set_data(bytes.data(), bytes.size());
+    }
+    return publish(o, topic, body);
+}
+
+int usage_error(const std::string& text) {
+    error_line(text + " (see --help)");
+    return g_bad_input;
+}
+
+int run(int argc, char** argv) {
+    Options o;
+    static const option long_options[] = {{"host", required_argument, nullptr, 'H'},
+                                          {"port", required_argument, nullptr, 'p'},
+                                          {"catalogue", required_argument, nullptr, 'c'},
+                                          {"timeout", required_argument, nullptr, 't'},
+                                          {"verbose", no_argument, nullptr, 'v'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {nullptr, 0, nullptr, 0}};
+    opterr = 0;
+    for (int c; (c = getopt_long(argc, argv, "+H:p:vh", long_options, nullptr)) != -1;) {
+        switch (c) {
+            case 'H':
+                o.host = optarg;
+                break;
+            case 'p':
+                if (!config::is_port_number(optarg)) {
+                    return usage_error(std::string("port '") + optarg + "' is not 1..65535");
+                }
+                o.port = optarg;
+                break;
+            case 'c':
+                o.catalogue = optarg;
+                break;
+            case 't': {
+                char* end = nullptr;
+                o.timeout = std::strtod(optarg, &end);
+                if (*optarg == '\0' || *end != '\0' || !(o.timeout >= 0) || o.timeout > 86400) {
+                    return usage_error(std::string("timeout '") + optarg + "' is not 0..86400");
+                }
+                break;
+            }
+            case 'v':
+                o.verbose = true;
+                break;
+            case 'h':
+                std::fputs(g_usage, stdout);
+                return 0;
+            default:
+                return usage_error(std::string("unknown or incomplete option '") +
+                                   argv[optind - 1] + "'");
+        }
+    }
+    route_logging(o.verbose);
+    if (optind >= argc) {
+        return usage_error("no command");
+    }
+    const std::string command = argv[optind];
+    std::vector<std::string> args(argv + optind + 1, argv + argc);
+
+    if (command == "announce") {
+        if (args.empty()) {
+            return usage_error("announce: no topic");
+        }
+        pb::SubscriptionMessage body;
+        for (const auto& t : args) {
+            body.add_topics(t);
+        }
+        return publish(o, com::subscription_announcement_topic, body);
+    }
+    if (command == "tpa") {
+        pb::TPAStatus body;
+        body.set_wait_for_target(false);
+        body.set_target_reached(false);
+        for (const auto& a : args) {
+            if (a == "--wait-for-target") {
+                body.set_wait_for_target(true);
+            } else if (a == "--target-reached") {
+                body.set_target_reached(true);
+            } else {
+                return usage_error("tpa: unknown argument '" + a + "'");
+            }
+        }
+        return publish(o, "system/tpa/status", body);
+    }
+    if (command == "state") {
+        auto value = args.size() == 1 ? parse_number(args[0]) : std::nullopt;
+        if (!value || *value > 255) {
+            return usage_error("state: expected one VALUE from 0 to 255");
+        }
+        pb::RtSignal body;
+        body.set_timestamp(boot_time_ns());
+        body.set_data(std::string(1, static_cast<char>(*value)));
+        return publish(o, "system/state/rt", body);
+    }
+    if (command == "send") {
+        if (args.empty()) {
+            return usage_error("send: expected rttx/PATH NAME=VALUE...");
+        }
+        return send(o, args[0], {args.begin() + 1, args.end()});
+    }
+    if (command == "watch" || command == "status") {
+        bool json = false;
+        std::uint64_t count = 0;
+        std::vector<std::string> topics;
+        for (std::size_t i = 0; i < args.size(); ++i) {
+            if (args[i] == "--json") {
+                json = true;
+            } else if (args[i] == "--count" && command == "watch") {
+                auto n = i + 1 < args.size() ? parse_number(args[++i]) : std::nullopt;
+                if (!n || *n == 0) {
+                    return usage_error("watch: --count needs a number above 0");
+                }
+                count = *n;
+            } else if (command == "watch" && args[i].rfind("--", 0) != 0) {
+                topics.push_back(args[i]);
+            } else {
+                return usage_error(command + ": unknown argument '" + args[i] + "'");
+            }
+        }
+        if (command == "status") {
+            return status(o, json);
+        }
+        return watch(o, topics.empty() ? std::vector<std::string>{"#"} : topics, json, count);
+    }
+    return usage_error("unknown command '" + command + "'");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    set_program("ipcd-ctl");
+    route_logging(false);
+    signal(SIGPIPE, SIG_IGN);
+    return run(argc, argv);
+}
