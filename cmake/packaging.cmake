@@ -1,0 +1,136 @@
+# Install layout and the Debian package (cpack -G DEB).
+#
+# The daemon reads /etc/kirn/ipcd.conf and /etc/kirn/rt_catalogue.json by
+# absolute path, so those go to /etc/kirn whatever the install prefix.
+set(IPCD_SYSCONFDIR "/etc/kirn")
+
+set(_ipcd_unitdir "")
+if(PKG_CONFIG_FOUND)
+  pkg_get_variable(_ipcd_unitdir systemd systemdsystemunitdir)
+endif()
+if(NOT _ipcd_unitdir)
+  set(_ipcd_unitdir "/lib/systemd/system")
+endif()
+set(IPCD_SYSTEMD_UNITDIR "${_ipcd_unitdir}" CACHE PATH "Directory of the systemd unit")
+
+# The daemon installs itself to sbin (src/main), the tools ipcd-sim and
+# ipcd-ctl to bin (tools/); the package test checks both.
+
+install(FILES dist/ipcd.conf
+        DESTINATION ${IPCD_SYSCONFDIR}
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)  # may hold a broker password
+install(FILES dist/rt_catalogue.json DESTINATION ${IPCD_SYSCONFDIR})
+
+# Self-contained definitions for client programs that decode the bodies.
+file(GLOB _ipcd_protos ${PROJECT_SOURCE_DIR}/proto/*.proto)
+install(FILES ${_ipcd_protos} DESTINATION ${CMAKE_INSTALL_DATADIR}/ipcd/proto)
+
+# The unit names /usr/sbin/ipcd; point it at the sbin of the prefix actually
+# installed into (decided at install time: cpack uses /usr, a plain install
+# /usr/local unless told otherwise).
+install(CODE "
+  file(READ \"${PROJECT_SOURCE_DIR}/dist/ipcd.service\" _unit)
+  string(REPLACE \"ExecStart=/usr/sbin/ipcd\"
+                 \"ExecStart=\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/ipcd\" _unit \"\${_unit}\")
+  file(WRITE \"${PROJECT_BINARY_DIR}/packaging/unit/ipcd.service\" \"\${_unit}\")
+  file(INSTALL DESTINATION \"${IPCD_SYSTEMD_UNITDIR}\" TYPE FILE
+       FILES \"${PROJECT_BINARY_DIR}/packaging/unit/ipcd.service\")
+")
+
+# Debian control files, generated into the build tree.
+set(_ipcd_control ${PROJECT_BINARY_DIR}/packaging/control)
+file(WRITE ${_ipcd_control}/conffiles
+     "${IPCD_SYSCONFDIR}/ipcd.conf\n${IPCD_SYSCONFDIR}/rt_catalogue.json\n")
+
+# Maintainer scripts after the pattern debhelper generates: every systemd
+# call is skipped when systemd is not running (chroot, container, image
+# build) and never fails the package operation. A fresh install enables the
+# unit but does not start it: without the RT partition's queue ports it could
+# only fail; it starts at the next boot or by hand. An upgrade restarts a
+# running daemon.
+file(WRITE ${_ipcd_control}/postinst [=[#!/bin/sh
+set -e
+if [ "$1" = configure ] || [ "$1" = abort-upgrade ] || [ "$1" = abort-deconfigure ] || [ "$1" = abort-remove ]; then
+    if command -v deb-systemd-helper >/dev/null 2>&1; then
+        deb-systemd-helper unmask ipcd.service >/dev/null || true
+        if deb-systemd-helper --quiet was-enabled ipcd.service; then
+            deb-systemd-helper enable ipcd.service >/dev/null || true
+        else
+            deb-systemd-helper update-state ipcd.service >/dev/null || true
+        fi
+    fi
+    if [ -d /run/systemd/system ]; then
+        systemctl --system daemon-reload >/dev/null 2>&1 || true
+        if [ -n "$2" ]; then
+            systemctl try-restart ipcd.service >/dev/null 2>&1 || true
+        fi
+    fi
+fi
+exit 0
+]=])
+file(WRITE ${_ipcd_control}/prerm [=[#!/bin/sh
+set -e
+if [ "$1" = remove ] && [ -d /run/systemd/system ]; then
+    systemctl stop ipcd.service >/dev/null 2>&1 || true
+fi
+exit 0
+]=])
+file(WRITE ${_ipcd_control}/postrm [=[#!/bin/sh
+set -e
+if [ -d /run/systemd/system ]; then
+    systemctl --system daemon-reload >/dev/null 2>&1 || true
+fi
+if command -v deb-systemd-helper >/dev/null 2>&1; then
+    if [ "$1" = remove ]; then
+        deb-systemd-helper mask ipcd.service >/dev/null || true
+    fi
+    if [ "$1" = purge ]; then
+        deb-systemd-helper purge ipcd.service >/dev/null || true
+        deb-systemd-helper unmask ipcd.service >/dev/null || true
+    fi
+fi
+exit 0
+]=])
+
+set(IPCD_PACKAGE_MAINTAINER "ipcd maintainers <ipcd-maintainers@localhost>"
+    CACHE STRING "Maintainer field of the Debian package")
+
+set(CPACK_GENERATOR "DEB")
+set(CPACK_PACKAGE_NAME "ipcd")
+set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
+set(CPACK_PACKAGE_CONTACT "${IPCD_PACKAGE_MAINTAINER}")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "bridge between an RT partition's queue ports and the local MQTT broker")
+set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+set(CPACK_STRIP_FILES ON)
+
+set(CPACK_DEBIAN_PACKAGE_NAME "ipcd")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${IPCD_PACKAGE_MAINTAINER}")
+set(CPACK_DEBIAN_PACKAGE_SECTION "net")
+set(CPACK_DEBIAN_PACKAGE_PRIORITY "optional")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+    "ipcd publishes the records that the real-time partition writes into its
+receiving queue port as topics on the local MQTT broker, and writes what
+client applications publish for the real-time side into the transmitting
+queue port. It runs as a systemd service.
+.
+The protobuf definitions of the message bodies are installed under
+/usr/share/ipcd/proto for client developers.")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "mosquitto")
+find_program(IPCD_DPKG_SHLIBDEPS dpkg-shlibdeps)
+mark_as_advanced(IPCD_DPKG_SHLIBDEPS)
+if(IPCD_DPKG_SHLIBDEPS)
+  # Exact library packages and versions from the binaries themselves.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+else()
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS
+      "libmosquitto1, libprotobuf-lite32, libsystemd0, libstdc++6, libgcc-s1, libc6")
+endif()
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${_ipcd_control}/conffiles ${_ipcd_control}/postinst
+    ${_ipcd_control}/prerm ${_ipcd_control}/postrm)
+# Scripts 0755, conffiles 0644, whatever the build tree's umask made them.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+include(CPack)
