@@ -6,7 +6,9 @@
 //
 //   system_bench [--quick] [--scale=X]      (or BENCH_SCALE=X)
 //
-// --quick is --scale=0.05. Counts and the idle period shrink with the scale.
+// --quick is --scale=0.05. Counts and the idle period shrink with the scale;
+// below 0.5 each relay publisher runs once instead of three times.
+// BENCH_IPCD_WRAPPER="tool args" starts ipcd under a tool (a profiler).
 // Each wait is bounded; nothing here asserts on time, the program only prints.
 
 #include <fcntl.h>
@@ -759,12 +761,22 @@ public:
         // a while on a busy machine.
         fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);
         m_tx_thread = std::thread([this] { drain_tx(); });
-        const std::vector<std::string> argv{IPCD_BINARY,          "-L", "-H", "127.0.0.1", "-p",
-                                            std::to_string(port), "-r", m_rx, "-t",        m_tx};
+        std::vector<std::string> argv{IPCD_BINARY,          "-L", "-H", "127.0.0.1", "-p",
+                                      std::to_string(port), "-r", m_rx, "-t",        m_tx};
+        // BENCH_IPCD_WRAPPER runs ipcd under a tool, e.g.
+        // "valgrind --tool=callgrind --callgrind-out-file=/tmp/ipcd.%p".
+        if (const char* wrapper = std::getenv("BENCH_IPCD_WRAPPER")) {
+            std::istringstream words(wrapper);
+            std::vector<std::string> prefix;
+            for (std::string w; words >> w;) {
+                prefix.push_back(w);
+            }
+            argv.insert(argv.begin(), prefix.begin(), prefix.end());
+        }
         const std::vector<std::string> env{std::string("KIRN_RT_CATALOGUE=") + IPCD_CATALOGUE,
                                            "NOTIFY_SOCKET=" + m_notify.path()};
         m_process = std::make_unique<Child>(argv, env, Child::Io{true, false});
-        if (!m_notify.wait_for("READY=1", 15s)) {
+        if (!m_notify.wait_for("READY=1", 60s)) {
             fail("ipcd not ready: " + m_process->output());
         }
         if (!wait_until(
