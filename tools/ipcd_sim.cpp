@@ -137,7 +137,7 @@ bool parse_line(const Catalogue& catalogue, const std::vector<std::string>& word
         if (!digits.empty()) {
             auto bytes = parse_hex(digits);
             if (!bytes || bytes->size() > ipc::record_max_payload) {
-                error = "payload '" + payload + "' is not an even count of hex digits";
+                error = "payload '" + payload + "' is not whole hex bytes";
                 return false;
             }
             step.record.data = std::move(*bytes);
@@ -487,6 +487,8 @@ int main(int argc, char** argv) {
         }
     }
 
+    print_line("RX " + opts.rx + " open");
+
     std::vector<std::uint8_t> pending;  // bytes of RX records not yet written
     std::size_t sent = 0;
     for (;;) {
@@ -535,11 +537,12 @@ int main(int argc, char** argv) {
             const ssize_t n = sent < pending.size()
                                   ? write(rx_fd, pending.data() + sent, pending.size() - sent)
                                   : (errno = EPIPE, -1);
-            if (n < 0 && errno != EAGAIN) {
-                drain_tx();
-                print_line(errno == EPIPE
+            const int write_errno = errno;
+            if (n < 0 && write_errno != EAGAIN) {
+                drain_tx();  // what ipcd wrote before it went
+                print_line(write_errno == EPIPE
                                ? "ipcd closed RX " + opts.rx + "; ending"
-                               : "cannot write RX " + opts.rx + ": " + std::strerror(errno));
+                               : "cannot write RX " + opts.rx + ": " + std::strerror(write_errno));
                 return 1;
             }
             if (n > 0) {
