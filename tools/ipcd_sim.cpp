@@ -313,7 +313,7 @@ public:
     }
 
 private:
-    // A group image whose signals count up, each at its own pace.
+    // A group image with changing values.
     void make(ipc::IpcSignal& out) {
         const auto& group = *m_groups[m_made % m_groups.size()];
         const std::uint64_t seq = m_made / m_groups.size() + 1;
@@ -323,7 +323,11 @@ private:
         out.data.assign(group.size(), 0);
         std::size_t index = 0;
         for (const auto& d : group.definitions()) {
-            const std::uint64_t value = seq * (index++ + 1);
+            // The first signal counts; one-byte signals after it are flags
+            // that toggle, wider ones count at their own pace.
+            const std::uint64_t value =
+                index == 0 ? seq : (d.size() == 1 ? (seq + index) % 2 : seq * (index + 1));
+            ++index;
             for (std::size_t i = 0; i < d.size() && i < 8; ++i) {
                 out.data[d.offset() + i] = static_cast<std::uint8_t>(value >> (8 * i));
             }
