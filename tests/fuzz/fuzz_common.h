@@ -1,0 +1,26 @@
+#pragma once
+
+// Shared by the fuzz targets: a quiet log (the default mode is syslog, and
+// every rejected input is logged) and a check that aborts, so that libFuzzer
+// records the input, in every build type.
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "logging.h"
+
+namespace ipcd_fuzz {
+
+inline void quiet_log() {
+    ecu::kora::logging::set_sink([](int, const std::string&, const std::string&) {});
+}
+
+#define IPCD_FUZZ_CHECK(cond)                                                             \
+    do {                                                                                  \
+        if (!(cond)) {                                                                    \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            std::abort();                                                                 \
+        }                                                                                 \
+    } while (false)
+
+}  // namespace ipcd_fuzz

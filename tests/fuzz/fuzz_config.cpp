@@ -1,0 +1,39 @@
+// The configuration parser and its check: any text, then verify() and the
+// lookups. A "port" that passes the check must be a number from 1 to 65535.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "configuration.h"
+#include "fuzz_common.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    ipcd_fuzz::quiet_log();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    std::unique_ptr<ecu::kora::config::Configuration> config;
+    std::istringstream input(text);
+    const int skipped = ecu::kora::config::set_config_from_input(config, input);
+    IPCD_FUZZ_CHECK(config != nullptr);
+    IPCD_FUZZ_CHECK(skipped >= 0);
+    for (const auto& [key, value] : config->values()) {
+        IPCD_FUZZ_CHECK(config->get(key) == value);
+        IPCD_FUZZ_CHECK(key.find('=') == std::string::npos);
+    }
+    if (config->verify()) {
+        const std::string& port = config->get("port");
+        IPCD_FUZZ_CHECK(ecu::kora::config::is_port_number(port));
+    }
+    if (ecu::kora::config::is_port_number(text)) {
+        IPCD_FUZZ_CHECK(!text.empty() && text.size() <= 5);
+        const long value = std::stol(text);
+        IPCD_FUZZ_CHECK(value >= 1 && value <= 65535);
+    }
+    return 0;
+}
