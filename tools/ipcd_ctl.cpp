@@ -341,7 +341,8 @@ std::unique_ptr<Catalogue> load_catalogue(const Options& o, bool required) {
 
 // Prints the messages of topics until count were printed, the time runs out
 // or a signal comes. Exit status 1 when fewer than count came.
-int watch(const Options& o, std::vector<std::string> topics, bool json, std::uint64_t count) {
+int watch(const Options& o, const std::vector<std::string>& topics, bool json,
+          std::uint64_t count) {
     auto catalogue = load_catalogue(o, false);
     if (!catalogue && (!o.catalogue.empty() || std::getenv("KIRN_RT_CATALOGUE") != nullptr)) {
         return g_bad_input;

@@ -172,7 +172,7 @@ bool load_scenario(const Catalogue& catalogue, const std::string& path, std::vec
         Step step;
         std::string error;
         if (!parse_line(catalogue, words, step, error)) {
-            error_line("scenario " + path + ":" + std::to_string(number) + ": " + error);
+            error_line("scenario " + path + ":" + std::to_string(number) + ": " += error);
             return false;
         }
         steps.push_back(std::move(step));

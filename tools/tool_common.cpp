@@ -213,7 +213,10 @@ std::vector<std::pair<std::string, std::string>> Catalogue::decode(const rt::Sig
 std::string join_values(const std::vector<std::pair<std::string, std::string>>& values) {
     std::string out;
     for (const auto& [name, value] : values) {
-        out += (out.empty() ? "" : " ") + name + "=" + value;
+        if (!out.empty()) {
+            out += ' ';
+        }
+        out.append(name).append("=").append(value);
     }
     return out;
 }

@@ -188,7 +188,7 @@ std::string parse_error_place(const std::string& text, std::size_t byte) {
 // The reason part of a parse_error's what(), without nlohmann's prefix and
 // its own position.
 std::string parse_error_reason(const json::parse_error& e) {
-    const std::string what = e.what();
+    std::string what = e.what();
     const auto at = what.find("parse error");
     if (at != std::string::npos) {
         const auto colon = what.find(": ", at);

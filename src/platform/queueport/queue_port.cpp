@@ -30,7 +30,7 @@ const std::shared_ptr<logging::LogModule>& port_log() {
 // Short enough that a stop request is seen well within 100 ms, long enough
 // that an idle port costs nothing.
 constexpr int poll_timeout_ms = 50;
-constexpr std::size_t read_chunk = 64 * 1024;
+constexpr std::size_t read_chunk = std::size_t{64} * 1024;
 constexpr auto open_wait = 2s;
 constexpr auto open_retry = 10ms;
 

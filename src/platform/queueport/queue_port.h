@@ -29,6 +29,7 @@ inline constexpr std::size_t record_max_payload = 65536;
 inline constexpr std::uint8_t record_magic[4] = {'Q', 'P', 'R', '1'};
 
 template <std::size_t Depth>
+// NOLINTNEXTLINE(readability-identifier-naming): the platform's name for the record type
 struct signal_t_dyn {
     static constexpr std::size_t depth = Depth;
     using value_type = IpcSignal;
