@@ -361,6 +361,53 @@ std::size_t MqttClient::flush_offline() {
     return sent;
 }
 
+void MqttClient::remember_retained(const std::string& topic, const Message& msg) {
+    std::lock_guard<std::mutex> lock(m_retained_mutex);
+    if (msg.payload.empty()) {
+        // An empty retained message clears the topic on the broker.
+        m_retained.erase(topic);
+        return;
+    }
+    RetainedMessage& kept = m_retained[topic];
+    kept.payload.assign(msg.payload.begin(), msg.payload.end());
+    kept.qos = msg.qos;
+}
+
+// On the network thread, so no callback runs in between.
+std::size_t MqttClient::restore_retained() {
+    std::map<std::string, RetainedMessage> retained;
+    {
+        std::lock_guard<std::mutex> lock(m_retained_mutex);
+        retained = m_retained;
+    }
+    std::size_t sent = 0;
+    for (const auto& [topic, kept] : retained) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            add_pending(kept.qos);
+        }
+        int rc = MOSQ_ERR_SUCCESS;
+        {
+            std::lock_guard<std::mutex> mids(m_qos1_mutex);
+            int mid = 0;
+            rc = mosquitto_publish(m_mosq, &mid, topic.c_str(),
+                                   static_cast<int>(kept.payload.size()), kept.payload.data(),
+                                   kept.qos, true);
+            if (rc == MOSQ_ERR_SUCCESS && kept.qos != 0) {
+                m_qos1_mids.insert(mid);
+            }
+        }
+        if (rc != MOSQ_ERR_SUCCESS) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            std::size_t& count = kept.qos == 0 ? m_pending_qos0 : m_pending_qos1;
+            count -= count > 0 ? 1 : 0;
+            break;  // lost again already; the next connection tries again
+        }
+        ++sent;
+    }
+    return sent;
+}
+
 int MqttClient::publish(const std::string& topic, Message& msg) {
     const int qos = msg.qos;
     if (qos > 2 || msg.payload.size() > static_cast<std::size_t>(INT_MAX) ||
@@ -368,6 +415,9 @@ int MqttClient::publish(const std::string& topic, Message& msg) {
         logging::ERROR << log_module() << "cannot publish on '" << topic << "': QoS " << qos << ", "
                        << msg.payload.size() << " bytes, or topic not valid";
         return 0;
+    }
+    if (msg.retained) {
+        remember_retained(topic, msg);
     }
     const bool network_thread = on_network_thread();
     const int length = static_cast<int>(msg.payload.size());
@@ -529,6 +579,13 @@ void MqttClient::handle_connect(int rc) {
     // Subscriptions first: the broker then routes the queued messages to
     // them too.
     resubscribe_all();
+    bool reconnecting = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        reconnecting = m_ever_connected;
+    }
+    // Before the offline queue: what waits there is newer.
+    const std::size_t restored = reconnecting ? restore_retained() : 0;
     bool reconnected = false;
     std::size_t sent = 0;
     std::size_t dropped = 0;
@@ -548,7 +605,8 @@ void MqttClient::handle_connect(int rc) {
     }
     if (reconnected) {
         logging::NOTICE << log_module() << "connection to broker " << m_host << ":" << m_port
-                        << " re-established; " << sent << " queued messages sent";
+                        << " re-established; " << sent << " queued messages sent, " << restored
+                        << " retained messages restored";
     }
     if (dropped > 0) {
         logging::WARNING << log_module() << dropped

@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -73,6 +74,11 @@ private:
     };
     using SubscriptionList = std::vector<Subscription>;
 
+    struct RetainedMessage {
+        std::vector<std::uint8_t> payload;
+        int qos;
+    };
+
     struct OfflineMessage {
         std::string topic;
         std::vector<std::uint8_t> payload;
@@ -84,6 +90,8 @@ private:
     static void on_publish(mosquitto* mosq, void* self, int mid);
     static void on_message(mosquitto* mosq, void* self, const mosquitto_message* message);
 
+    void remember_retained(const std::string& topic, const Message& msg);
+    std::size_t restore_retained();
     void handle_connect(int rc);
     void handle_disconnect(int rc);
     void handle_publish(int mid);
@@ -145,6 +153,12 @@ private:
     bool m_subscriptions_live = false;  // SUBSCRIBE can be sent now
 
     std::mutex m_stop_mutex;
+
+    // The newest retained message of every topic published here: a broker
+    // that restarts without persistence has lost them, and nobody else would
+    // publish them again (the subscription status changes only rarely).
+    std::mutex m_retained_mutex;
+    std::map<std::string, RetainedMessage> m_retained;
 };
 
 }  // namespace ecu::kora::com
