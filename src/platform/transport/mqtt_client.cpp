@@ -221,7 +221,9 @@ bool MqttClient::connect() {
 
 bool MqttClient::start() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    // connect() started the network thread; nothing else is needed.
+    // connect() started the network thread; deliveries begin now.
+    m_delivering = true;
+    m_cv.notify_all();
     return m_state == State::running && m_loop_running;
 }
 
@@ -661,6 +663,14 @@ void MqttClient::handle_publish(int mid) {
 }
 
 void MqttClient::handle_message(const mosquitto_message& message) {
+    {
+        // Holds the network thread; a stop() releases it as well.
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cv.wait(lock, [this] { return m_delivering || m_state == State::closed; });
+        if (!m_delivering) {
+            return;
+        }
+    }
     std::shared_ptr<const SubscriptionList> subscriptions;
     {
         std::lock_guard<std::mutex> lock(m_subscription_mutex);

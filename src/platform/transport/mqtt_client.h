@@ -131,6 +131,9 @@ private:
     bool m_loop_running = false;
     bool m_connected = false;
     bool m_ever_connected = false;
+    // Deliveries wait for start(): the owner sets up what its observers use
+    // (ports, threads) between connect() and start().
+    bool m_delivering = false;
     std::optional<int> m_connack;           // first CONNACK result
     std::optional<int> m_early_disconnect;  // connection closed before any CONNACK
     std::uint64_t m_generation = 0;         // counts connection losses
