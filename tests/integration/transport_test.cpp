@@ -304,15 +304,14 @@ TEST(TransportDelivery, WildcardsRoutingAndFailingObserver) {
     ASSERT_TRUE(t->subscribe("status/+", 0, status));
     EXPECT_FALSE(t->subscribe("bad/#/filter", 0, status));
 
-    // One connection: the broker handles the SUBSCRIBEs before these. They
-    // come back before start() and are held until it.
+    // One connection: the broker handles the SUBSCRIBEs before these.
+    // Deliveries wait for start(), which also holds the network thread, so
+    // start() must not wait for these to be written.
     for (const char* topic : {"rttx/a", "rtt/x", "rttx/throw", "rttx/b/c", "status/one",
                               "status/one/two", "other/rttx", "status/end"}) {
         Message msg = make_message({'x'});
         EXPECT_EQ(t->publish(topic, msg), 1) << topic;
     }
-    ASSERT_TRUE(wait_until([&] { return t->pending() == 0; }));
-    EXPECT_EQ(rttx->count() + status->count(), 0U);
     ASSERT_TRUE(t->start());
     ASSERT_TRUE(wait_until([&] { return status->count() == 2; }));
     EXPECT_EQ(rttx->topics(), (std::vector<std::string>{"rttx/a", "rttx/b/c"}));
