@@ -22,21 +22,6 @@ namespace ipcd_test {
 
 namespace fault_pb = ecu::kora::pb;
 
-inline std::vector<std::uint8_t> announcement(std::initializer_list<const char*> topics) {
-    fault_pb::SubscriptionMessage body;
-    for (const char* t : topics) {
-        body.add_topics(t);
-    }
-    return framed(body);
-}
-
-inline std::vector<std::uint8_t> tpa(bool wait_for_target, bool target_reached) {
-    fault_pb::TPAStatus body;
-    body.set_wait_for_target(wait_for_target);
-    body.set_target_reached(target_reached);
-    return framed(body);
-}
-
 inline std::vector<std::uint8_t> seq_bytes(std::uint32_t seq) {
     return {static_cast<std::uint8_t>(seq), static_cast<std::uint8_t>(seq >> 8U),
             static_cast<std::uint8_t>(seq >> 16U), static_cast<std::uint8_t>(seq >> 24U)};

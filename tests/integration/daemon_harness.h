@@ -98,6 +98,23 @@ T unframed(const std::vector<std::uint8_t>& payload) {
     return ecu::kora::com::PbInternalMessageAdapter<T>().deserialize(msg).body;
 }
 
+// A framed announcement of the topics, as a client application sends it.
+inline std::vector<std::uint8_t> announcement(std::initializer_list<const char*> topics) {
+    ecu::kora::pb::SubscriptionMessage body;
+    for (const char* t : topics) {
+        body.add_topics(t);
+    }
+    return framed(body);
+}
+
+// A framed start-up status, as the platform sends it.
+inline std::vector<std::uint8_t> tpa(bool wait_for_target, bool target_reached) {
+    ecu::kora::pb::TPAStatus body;
+    body.set_wait_for_target(wait_for_target);
+    body.set_target_reached(target_reached);
+    return framed(body);
+}
+
 // One ipcd with its FIFOs. The TX FIFO is opened for reading before ipcd
 // starts (ipcd opens it first); the RX FIFO is opened for writing once ipcd
 // has opened it.

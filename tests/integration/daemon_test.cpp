@@ -16,21 +16,6 @@ constexpr std::uint32_t g_speed = 20;    // retained
 constexpr std::uint32_t g_gear = 21;     // not retained
 constexpr std::uint32_t g_battery = 23;  // not retained
 
-std::vector<std::uint8_t> announcement(std::initializer_list<const char*> topics) {
-    pb::SubscriptionMessage body;
-    for (const char* t : topics) {
-        body.add_topics(t);
-    }
-    return framed(body);
-}
-
-std::vector<std::uint8_t> tpa(bool wait_for_target, bool target_reached) {
-    pb::TPAStatus body;
-    body.set_wait_for_target(wait_for_target);
-    body.set_target_reached(target_reached);
-    return framed(body);
-}
-
 std::vector<std::uint8_t> state(std::uint8_t value) {
     pb::RtSignal body;
     body.set_data(std::string(1, static_cast<char>(value)));
