@@ -20,15 +20,21 @@
 #include <thread>
 #include <vector>
 
+#include "cli_text.h"
 #include "configuration.h"
+#include "date_time.h"
 #include "message_adapter.h"
 #include "mqtt_client.h"
-#include "tool_common.h"
+#include "signal_values.h"
+#include "topics.h"
 #include "transport.h"
+#include "transport_settings.h"
 
 namespace com = ecu::kora::com;
 namespace config = ecu::kora::config;
 namespace pb = ecu::kora::pb;
+namespace topics = ecu::kora::com::topics;
+using topics::catalogue_topic;
 using namespace ipcd_tools;
 using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
@@ -112,6 +118,7 @@ std::string marker_topic(const std::string& client_name) {
 bool connect(const Options& o, Connection& c, const std::vector<std::string>& topics = {},
              const std::shared_ptr<Inbox>& inbox = nullptr) {
     c.config = std::make_unique<config::Configuration>();
+    com::add_transport_settings(*c.config);
     c.config->values()["host"] = o.host;
     c.config->values()["port"] = o.port;
     c.config->values()["client_name"] = "ipcd-ctl-" + std::to_string(getpid());
@@ -210,9 +217,9 @@ Json decode(const Catalogue* catalogue, const std::string& topic, const com::Mes
     Json header = header_of(msg);
     Json body;
     std::string type;
-    auto starts = [&topic](const char* prefix) { return topic.rfind(prefix, 0) == 0; };
-    if (!header.is_null() && topic != "system/rt/eod") {
-        if (starts("rt/") || topic == "system/state/rt") {
+    auto starts = [&topic](const std::string& prefix) { return topic.rfind(prefix, 0) == 0; };
+    if (!header.is_null() && topic != topics::end_of_data) {
+        if (starts(topics::rt_prefix) || topic == topics::system_state) {
             pb::RtSignal b;
             if (body_of(msg, b)) {
                 type = "RtSignal";
@@ -220,7 +227,7 @@ Json decode(const Catalogue* catalogue, const std::string& topic, const com::Mes
                             {"data", to_hex(b.data())},
                             {"tag", b.tag()},
                             {"source", b.source()}};
-                if (topic == "system/state/rt" && !b.data().empty()) {
+                if (topic == topics::system_state && !b.data().empty()) {
                     body["state"] = static_cast<std::uint8_t>(b.data()[0]);
                 }
                 Json values = signal_values(catalogue, topic, b.data());
@@ -228,14 +235,14 @@ Json decode(const Catalogue* catalogue, const std::string& topic, const com::Mes
                     body["signals"] = values;
                 }
             }
-        } else if (topic == "subscription/announcement") {
+        } else if (topic == topics::announcement) {
             pb::SubscriptionMessage b;
             if (body_of(msg, b)) {
                 type = "SubscriptionMessage";
                 body = Json{{"topics",
                              Json(std::vector<std::string>(b.topics().begin(), b.topics().end()))}};
             }
-        } else if (topic == "system/ipc/subscriptions") {
+        } else if (topic == topics::subscription_status) {
             pb::SubscriptionStatus b;
             if (body_of(msg, b)) {
                 type = "SubscriptionStatus";
@@ -244,20 +251,20 @@ Json decode(const Catalogue* catalogue, const std::string& topic, const com::Mes
                             {"topic_count", b.topic_count()},
                             {"requested_count", b.requested_count()}};
             }
-        } else if (topic == "system/tpa/status") {
+        } else if (topic == topics::tpa_status) {
             pb::TPAStatus b;
             if (body_of(msg, b)) {
                 type = "TPAStatus";
                 body = Json{{"wait_for_target", b.wait_for_target()},
                             {"target_reached", b.target_reached()}};
             }
-        } else if (starts("rttx/")) {
+        } else if (starts(topics::rttx_prefix)) {
             pb::SignalGroupData b;
             if (body_of(msg, b)) {
                 type = "SignalGroupData";
                 body = Json{{"timestamp", b.timestamp()}, {"signals", Json::object()}};
                 const auto* group =
-                    catalogue != nullptr ? catalogue->by_topic("rt/" + topic.substr(5)) : nullptr;
+                    catalogue != nullptr ? catalogue->by_topic(catalogue_topic(topic)) : nullptr;
                 for (const auto& s : b.signals()) {
                     Json value = to_hex(s.data());
                     if (group != nullptr && s.data().size() <= 8) {
@@ -405,7 +412,7 @@ int watch(const Options& o, const std::vector<std::string>& topics, bool json,
 int status(const Options& o, bool json) {
     auto inbox = std::make_shared<Inbox>();
     Connection c;
-    if (!connect(o, c, {com::subscription_status_topic}, inbox)) {
+    if (!connect(o, c, {topics::subscription_status}, inbox)) {
         return 1;
     }
     const auto wait = std::chrono::duration<double>(o.timeout < 0 ? 2 : o.timeout);
@@ -413,7 +420,7 @@ int status(const Options& o, bool json) {
     std::pair<std::string, com::Message> m;
     while (Clock::now() < deadline) {
         if (inbox->next(m, std::chrono::milliseconds(50)) &&
-            m.first == com::subscription_status_topic) {
+            m.first == topics::subscription_status) {
             const Json j = decode(nullptr, m.first, m.second);
             print_line(json ? j.dump() : text_line(j));
             c.client->stop();
@@ -426,15 +433,15 @@ int status(const Options& o, bool json) {
 }
 
 int send(const Options& o, const std::string& topic, const std::vector<std::string>& pairs) {
-    if (topic.rfind("rttx/", 0) != 0 || topic.size() <= 5) {
-        error_line("send: topic '" + topic + "' does not begin with rttx/");
+    if (topic.rfind(topics::rttx_prefix, 0) != 0 || topic.size() <= topics::rttx_prefix.size()) {
+        error_line("send: topic '" + topic + "' does not begin with " + topics::rttx_prefix);
         return g_bad_input;
     }
     auto catalogue = load_catalogue(o, true);
     if (!catalogue) {
         return g_bad_input;
     }
-    const std::string rt_topic = "rt/" + topic.substr(5);
+    const std::string rt_topic = catalogue_topic(topic);
     const auto* group = catalogue->by_topic(rt_topic);
     if (group == nullptr) {
         error_line("send: unknown topic '" + rt_topic + "' in the catalogue");
@@ -451,7 +458,7 @@ int send(const Options& o, const std::string& topic, const std::vector<std::stri
         return g_bad_input;
     }
     pb::SignalGroupData body;
-    body.set_timestamp(boot_time_ns());
+    body.set_timestamp(ecu::kora::DateTime::time_since_boot_ns());
     for (const auto& [name, bytes] : values) {
         auto* s = body.add_signals();
         s->set_name(name);
@@ -523,7 +530,7 @@ int run(int argc, char** argv) {
         for (const auto& t : args) {
             body.add_topics(t);
         }
-        return publish(o, com::subscription_announcement_topic, body);
+        return publish(o, topics::announcement, body);
     }
     if (command == "tpa") {
         pb::TPAStatus body;
@@ -538,7 +545,7 @@ int run(int argc, char** argv) {
                 return usage_error("tpa: unknown argument '" + a + "'");
             }
         }
-        return publish(o, "system/tpa/status", body);
+        return publish(o, topics::tpa_status, body);
     }
     if (command == "state") {
         auto value = args.size() == 1 ? parse_number(args[0]) : std::nullopt;
@@ -546,9 +553,9 @@ int run(int argc, char** argv) {
             return usage_error("state: expected one VALUE from 0 to 255");
         }
         pb::RtSignal body;
-        body.set_timestamp(boot_time_ns());
+        body.set_timestamp(ecu::kora::DateTime::time_since_boot_ns());
         body.set_data(std::string(1, static_cast<char>(*value)));
-        return publish(o, "system/state/rt", body);
+        return publish(o, topics::system_state, body);
     }
     if (command == "send") {
         if (args.empty()) {

@@ -24,8 +24,10 @@
 #include <string>
 #include <vector>
 
+#include "cli_text.h"
+#include "date_time.h"
 #include "queue_port.h"
-#include "tool_common.h"
+#include "signal_values.h"
 
 namespace ipc = ecu::kora::ipc;
 using namespace ipcd_tools;
@@ -305,7 +307,7 @@ public:
             }
             out = std::move(step.record);
             if (step.now) {
-                out.timestamp = boot_time_ns();
+                out.timestamp = ecu::kora::DateTime::time_since_boot_ns();
             }
             return true;
         }
@@ -319,7 +321,7 @@ private:
         const std::uint64_t seq = m_made / m_groups.size() + 1;
         out.id = group.id();
         out.tag = 0;
-        out.timestamp = boot_time_ns();
+        out.timestamp = ecu::kora::DateTime::time_since_boot_ns();
         out.data.assign(group.size(), 0);
         std::size_t index = 0;
         for (const auto& d : group.definitions()) {

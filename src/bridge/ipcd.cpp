@@ -7,7 +7,8 @@
 #include "bridge_bodies.pb.h"
 #include "logging.h"
 #include "message_adapter.h"
-#include "process_state.h"
+#include "service_manager.h"
+#include "topics.h"
 
 namespace ecu::kora::ipcd {
 
@@ -16,14 +17,15 @@ namespace {
 // Process-wide: tells the service manager "STOPPING=1" when the process ends.
 ipc::Systemd g_systemd;
 
-const std::string g_announcement_topic = com::subscription_announcement_topic;
-const std::string g_subscriptions_topic = com::subscription_status_topic;
-const std::string g_frame_start_topic = "rt/system/timestamp";
-const std::string g_time_sync_topic = "rt/system/time_sync";
-const std::string g_state_topic = "system/state/rt";
-const std::string g_tpa_topic = "system/tpa/status";
-const std::string g_rttx_prefix = "rttx/";
-const std::string g_eod_topic = "system/rt/eod";
+const std::string& g_announcement_topic = com::topics::announcement;
+const std::string& g_subscriptions_topic = com::topics::subscription_status;
+const std::string& g_frame_start_topic = com::topics::frame_start;
+const std::string& g_time_sync_topic = com::topics::time_sync;
+const std::string& g_state_topic = com::topics::system_state;
+const std::string& g_tpa_topic = com::topics::tpa_status;
+const std::string& g_rttx_prefix = com::topics::rttx_prefix;
+const std::string& g_rt_prefix = com::topics::rt_prefix;
+const std::string& g_eod_topic = com::topics::end_of_data;
 const auto g_log = logging::module("daemon");
 
 constexpr std::uint8_t g_shutdown_indication = 4;
@@ -102,7 +104,7 @@ void IPCd::run() {
     auto observer = [this] {
         return std::shared_ptr<com::ISubscriptionObserver>(std::shared_ptr<void>(), this);
     };
-    m_transport->subscribe("rttx/#", 0, observer());
+    m_transport->subscribe(com::topics::rttx_all, 0, observer());
     m_transport->subscribe(g_announcement_topic, 0, observer());
     logging::INFO << g_log << "Subscribed to: '" << g_announcement_topic << "'";
     m_transport->subscribe(g_state_topic, 0, observer());
@@ -315,7 +317,7 @@ void IPCd::handle_announcement(const com::Message& msg) {
     }
     const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
     for (const auto& topic : result.body.topics()) {
-        if (topic.compare(0, 3, "rt/") != 0) {
+        if (topic.compare(0, g_rt_prefix.size(), g_rt_prefix) != 0) {
             logging::INFO << g_log
                           << "Client App request data for non rt-topic (ignored): " << topic;
             continue;
@@ -389,7 +391,7 @@ void IPCd::report_target_reached() {
 }
 
 void IPCd::send_to_rt(const std::string& topic, const com::Message& msg) {
-    const std::string catalogue_topic = "rt/" + topic.substr(g_rttx_prefix.size());
+    const std::string catalogue_topic = com::topics::catalogue_topic(topic);
     const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
     std::uint32_t id = catalogue.map_topic_to_rtid(catalogue_topic);
     if (id == 0) {

@@ -6,11 +6,11 @@
 #include <memory>
 #include <string>
 
+#include "build_configuration.h"
 #include "build_stamp.h"
 #include "command_line.h"
 #include "ipcd.h"
 #include "logging.h"
-#include "startup.h"
 #include "transport.h"
 
 int main(int argc, char** argv) {

@@ -1,7 +1,6 @@
 #include "configuration.h"
 
 #include "logging.h"
-#include "transport_keys.h"
 
 namespace ecu::kora::config {
 
@@ -23,9 +22,6 @@ std::string trim(const std::string& text) {
 }
 
 }  // namespace
-
-Configuration::Configuration()
-    : m_defaults(com::transport_defaults), m_required(com::transport_required_keys) {}
 
 const std::string& Configuration::get(const std::string& key) const {
     static const std::string empty;

@@ -1,8 +1,9 @@
 #pragma once
 
 // Key/value configuration: values (from the file and the command line),
-// defaults, and required keys. Built and filled on the start-up thread, then
-// only read.
+// defaults, and required keys. It knows no key of its own: each service that
+// reads it registers its defaults and required keys. Built and filled on the
+// start-up thread, then only read.
 //
 // File syntax: lines of key=value; blank lines and lines whose first non-blank
 // character is '#' are ignored; blanks around key and value are trimmed; the
@@ -19,9 +20,6 @@ namespace ecu::kora::config {
 
 class Configuration {
 public:
-    // Starts with the transport's defaults and required keys registered.
-    Configuration();
-
     // The value, else the default, else an empty text; never throws.
     const std::string& get(const std::string& key) const;
 

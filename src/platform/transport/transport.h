@@ -7,7 +7,6 @@
 #include <string>
 
 #include "message.h"
-#include "transport_keys.h"
 
 namespace ecu::kora::config {
 class Configuration;

@@ -1,4 +1,4 @@
-#include "process_state.h"
+#include "service_manager.h"
 
 #include <systemd/sd-daemon.h>
 

@@ -4,7 +4,7 @@
 
 #include "command_line.h"
 #include "logging.h"
-#include "startup.h"
+#include "build_configuration.h"
 #include "support.h"
 
 namespace ipcd = ecu::kora::ipcd;

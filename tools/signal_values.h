@@ -1,12 +1,11 @@
 #pragma once
 
-// What ipcd-sim and ipcd-ctl share: number and hex parsing, the catalogue
-// (loaded with its errors turned into one-line messages), signal values
-// encoded into and decoded from a group's image, and the boot clock.
+// Signal values of the catalogue's groups as the tools read and print them:
+// "name=value" pairs encoded into a group's padded image, and an image decoded
+// back into values.
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,33 +13,6 @@
 #include "signal_adapter.h"
 
 namespace ipcd_tools {
-
-// The program name in front of every error line, e.g. "ipcd-sim".
-void set_program(const std::string& name);
-const std::string& program();
-
-// Prints "PROGRAM: text" on stderr as one line.
-void error_line(const std::string& text);
-
-// Routes the platform's log lines: catalogue errors become error lines, the
-// rest (transport and framing chatter) is dropped unless verbose.
-void route_logging(bool verbose);
-
-// A decimal or 0x-hexadecimal unsigned 64-bit number, nothing else.
-std::optional<std::uint64_t> parse_number(const std::string& text);
-
-// Hex digits (an even count, at least one byte) into bytes.
-std::optional<std::vector<std::uint8_t>> parse_hex(const std::string& text);
-std::string to_hex(const std::uint8_t* data, std::size_t size);
-inline std::string to_hex(const std::vector<std::uint8_t>& data) {
-    return to_hex(data.data(), data.size());
-}
-inline std::string to_hex(const std::string& data) {
-    return to_hex(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
-}
-
-// CLOCK_BOOTTIME in nanoseconds: the RT side's time base.
-std::uint64_t boot_time_ns();
 
 // The catalogue file: the given path, else KIRN_RT_CATALOGUE, else the
 // platform default.

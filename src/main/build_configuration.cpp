@@ -1,8 +1,9 @@
-#include "startup.h"
+#include "build_configuration.h"
 
 #include <fstream>
 
 #include "logging.h"
+#include "transport_settings.h"
 
 namespace ecu::kora::ipcd {
 
@@ -48,6 +49,7 @@ std::unique_ptr<config::Configuration> build_configuration(const CommandLineOpti
     }
 
     // Defaults go into their own table, so a value from the file always wins.
+    com::add_transport_settings(*config);
     config->required_keys().insert("queue_rx");
     config->required_keys().insert("queue_tx");
     config->defaults()["queue_rx"] = "/dev/qport/telematics_kpx_receive";
