@@ -78,116 +78,14 @@ void close_fd(int& fd) {
     }
 }
 
-void put_le(std::uint8_t* at, std::uint64_t value, std::size_t bytes) {
-    for (std::size_t i = 0; i < bytes; ++i) {
-        at[i] = static_cast<std::uint8_t>(value >> (8 * i));
-    }
-}
-
-std::uint64_t get_le(const std::uint8_t* at, std::size_t bytes) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < bytes; ++i) {
-        value |= static_cast<std::uint64_t>(at[i]) << (8 * i);
-    }
-    return value;
-}
-
-// Whether the bytes from at up to end could be the start of a record: the
-// whole magic, or as much of it as has arrived.
-bool magic_prefix_at(const std::uint8_t* at, const std::uint8_t* end) {
-    const auto n = std::min<std::size_t>(sizeof record_magic, static_cast<std::size_t>(end - at));
-    return std::memcmp(at, record_magic, n) == 0;
-}
-
 void report_damage(const std::string& path, std::size_t skipped,
                    IDataConsumer<IpcSignal>& consumer) {
     logging::ERROR << port_log() << "queue port " << path << ": stream out of step, skipped "
-                   << skipped << " bytes to the next record";
+                   << skipped << " bytes of damaged records";
     consumer.resynchronised(skipped);
 }
 
 }  // namespace
-
-bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out) {
-    if (signal.data.size() > record_max_payload) {
-        return false;
-    }
-    out.resize(record_header_size + signal.data.size());
-    std::uint8_t* h = out.data();
-    std::memcpy(h, record_magic, sizeof record_magic);
-    put_le(h + 4, signal.id, 4);
-    put_le(h + 8, signal.timestamp, 8);
-    put_le(h + 16, signal.data.size(), 4);
-    h[20] = signal.tag;
-    h[21] = h[22] = h[23] = 0;
-    std::copy(signal.data.begin(), signal.data.end(), out.begin() + record_header_size);
-    return true;
-}
-
-void RecordDecoder::feed(const std::uint8_t* data, std::size_t size) {
-    // Consumed bytes are dropped only once they are at least half the buffer,
-    // so each byte is moved at most once on average.
-    if (m_start == m_buffer.size()) {
-        m_buffer.clear();
-        m_start = 0;
-    } else if (m_start > 0 && m_start >= m_buffer.size() / 2) {
-        m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(m_start));
-        m_start = 0;
-    }
-    m_buffer.insert(m_buffer.end(), data, data + size);
-}
-
-bool RecordDecoder::next(IpcSignal& out) {
-    for (;;) {
-        const std::uint8_t* begin = m_buffer.data() + m_start;
-        const std::uint8_t* end = m_buffer.data() + m_buffer.size();
-        const std::size_t available = static_cast<std::size_t>(end - begin);
-        if (available == 0) {
-            return false;
-        }
-        bool damaged = !magic_prefix_at(begin, end);
-        std::uint64_t length = 0;
-        if (!damaged && available >= 20) {
-            length = get_le(begin + 16, 4);
-            damaged = length > record_max_payload;
-        }
-        if (damaged) {
-            // Skip to the next place where a magic starts, or could start with
-            // bytes still to come; memchr keeps the search cheap on long damage.
-            const std::uint8_t* at = begin + 1;
-            while (at < end) {
-                at = static_cast<const std::uint8_t*>(
-                    std::memchr(at, record_magic[0], static_cast<std::size_t>(end - at)));
-                if (at == nullptr) {
-                    at = end;
-                } else if (magic_prefix_at(at, end)) {
-                    break;
-                } else {
-                    ++at;
-                }
-            }
-            const auto skipped = static_cast<std::size_t>(at - begin);
-            m_skipped += skipped;
-            m_start += skipped;
-            continue;
-        }
-        if (available < record_header_size || available < record_header_size + length) {
-            return false;
-        }
-        out.id = static_cast<std::uint32_t>(get_le(begin + 4, 4));
-        out.timestamp = get_le(begin + 8, 8);
-        out.tag = begin[20];
-        out.data.assign(begin + record_header_size, begin + record_header_size + length);
-        m_start += record_header_size + static_cast<std::size_t>(length);
-        return true;
-    }
-}
-
-std::size_t RecordDecoder::take_skipped() {
-    const std::size_t skipped = m_skipped;
-    m_skipped = 0;
-    return skipped;
-}
 
 template <std::size_t Depth, typename Record>
 QueuePortReader<Depth, Record>::QueuePortReader(IDataConsumer<IpcSignal>& consumer)
@@ -257,6 +155,9 @@ void QueuePortReader<Depth, Record>::read_loop() {
             // wake-up from ending the port, and poll keeps this from spinning.
             if (!fifo || (pfd.revents & POLLHUP) != 0) {
                 ended = true;
+                // A record whose length reached past the end covered the
+                // records after it: they are decoded instead of dropped with it.
+                decoder.finish();
             }
         } else {
             decoder.feed(chunk.data(), static_cast<std::size_t>(n.value));
@@ -281,14 +182,8 @@ void QueuePortReader<Depth, Record>::read_loop() {
             }
         }
     }
-    if (ended) {
-        if (damage > 0) {
-            report_damage(m_path, damage, m_consumer);
-        }
-        if (decoder.pending() > 0) {
-            logging::ERROR << port_log() << "RX queue port " << m_path << " ended inside a record, "
-                           << decoder.pending() << " bytes discarded";
-        }
+    if (ended && damage > 0) {
+        report_damage(m_path, damage, m_consumer);
     }
     m_consumer.finished();
 }

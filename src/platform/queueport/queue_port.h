@@ -3,8 +3,7 @@
 // Queue ports: the devices through which records pass between the RT
 // partition and this side. On the vehicle a queue port is a message-oriented
 // character device; here it is a FIFO or a regular file. Both directions carry
-// the same records: a 24-byte little-endian header (magic "QPR1", id,
-// timestamp, payload length <= 65536, tag, 3 reserved bytes) and the payload.
+// the records of record_format.h.
 //
 // Template parameters: Depth is the depth of the vehicle's queue port in
 // records (24 for RX, 8 for TX), and signal_t_dyn<Depth> the record type of
@@ -21,42 +20,15 @@
 #include <vector>
 
 #include "ipc_signal.h"
+#include "record_format.h"
 
 namespace ecu::kora::ipc {
-
-inline constexpr std::size_t record_header_size = 24;
-inline constexpr std::size_t record_max_payload = 65536;
-inline constexpr std::uint8_t record_magic[4] = {'Q', 'P', 'R', '1'};
 
 template <std::size_t Depth>
 // NOLINTNEXTLINE(readability-identifier-naming): the platform's name for the record type
 struct signal_t_dyn {
     static constexpr std::size_t depth = Depth;
     using value_type = IpcSignal;
-};
-
-// Encodes one record (header and payload) into out, replacing its content.
-// False when the payload is longer than record_max_payload.
-bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out);
-
-// Splits a byte stream into records: feed it bytes as they come, in any chunk
-// sizes, and take complete records out. Damage (wrong magic, length over the
-// limit) is skipped up to the next magic; nothing after the damage is lost.
-class RecordDecoder {
-public:
-    // Appends bytes to the stream.
-    void feed(const std::uint8_t* data, std::size_t size);
-    // Takes the next complete record out; false when none is complete yet.
-    bool next(IpcSignal& out);
-    // Bytes skipped as damage since the last call (and resets the count).
-    std::size_t take_skipped();
-    // Bytes held that do not yet form a complete record.
-    std::size_t pending() const { return m_buffer.size() - m_start; }
-
-private:
-    std::vector<std::uint8_t> m_buffer;
-    std::size_t m_start = 0;
-    std::size_t m_skipped = 0;
 };
 
 // The RX port. open() on the start-up thread, then read_loop() on a thread of

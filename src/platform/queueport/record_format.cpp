@@ -1,0 +1,134 @@
+#include "record_format.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace ecu::kora::ipc {
+
+namespace {
+
+void put_le(std::uint8_t* at, std::uint64_t value, std::size_t bytes) {
+    for (std::size_t i = 0; i < bytes; ++i) {
+        at[i] = static_cast<std::uint8_t>(value >> (8 * i));
+    }
+}
+
+std::uint64_t get_le(const std::uint8_t* at, std::size_t bytes) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < bytes; ++i) {
+        value |= static_cast<std::uint64_t>(at[i]) << (8 * i);
+    }
+    return value;
+}
+
+// Whether the bytes from at up to end could be the start of a record: the
+// whole magic, or as much of it as has arrived.
+bool magic_prefix_at(const std::uint8_t* at, const std::uint8_t* end) {
+    const auto n = std::min<std::size_t>(sizeof record_magic, static_cast<std::size_t>(end - at));
+    return std::memcmp(at, record_magic, n) == 0;
+}
+
+}  // namespace
+
+bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out) {
+    if (signal.data.size() > record_max_payload) {
+        return false;
+    }
+    out.resize(record_header_size + signal.data.size());
+    std::uint8_t* h = out.data();
+    std::memcpy(h, record_magic, sizeof record_magic);
+    put_le(h + 4, signal.id, 4);
+    put_le(h + 8, signal.timestamp, 8);
+    put_le(h + 16, signal.data.size(), 4);
+    h[20] = signal.tag;
+    h[21] = h[22] = h[23] = 0;
+    std::copy(signal.data.begin(), signal.data.end(), out.begin() + record_header_size);
+    return true;
+}
+
+void RecordDecoder::feed(const std::uint8_t* data, std::size_t size) {
+    // Consumed bytes are dropped only once they are at least half the buffer,
+    // so each byte is moved at most once on average.
+    if (m_start == m_buffer.size()) {
+        m_buffer.clear();
+        m_start = 0;
+    } else if (m_start > 0 && m_start >= m_buffer.size() / 2) {
+        m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(m_start));
+        m_start = 0;
+    }
+    m_buffer.insert(m_buffer.end(), data, data + size);
+}
+
+void RecordDecoder::skip_damage() {
+    const std::uint8_t* begin = m_buffer.data() + m_start;
+    const std::uint8_t* end = m_buffer.data() + m_buffer.size();
+    // memchr keeps the search cheap on long damage.
+    const std::uint8_t* at = begin + 1;
+    while (at < end) {
+        at = static_cast<const std::uint8_t*>(
+            std::memchr(at, record_magic[0], static_cast<std::size_t>(end - at)));
+        if (at == nullptr) {
+            at = end;
+        } else if (magic_prefix_at(at, end) && !(m_finished && end - at < 4)) {
+            break;
+        } else {
+            ++at;
+        }
+    }
+    const auto skipped = static_cast<std::size_t>(at - begin);
+    m_skipped += skipped;
+    m_start += skipped;
+}
+
+bool RecordDecoder::next(IpcSignal& out) {
+    for (;;) {
+        const std::uint8_t* begin = m_buffer.data() + m_start;
+        const std::uint8_t* end = m_buffer.data() + m_buffer.size();
+        const auto available = static_cast<std::size_t>(end - begin);
+        if (available == 0) {
+            return false;
+        }
+        bool damaged = !magic_prefix_at(begin, end);
+        std::size_t length = 0;
+        if (!damaged && available >= 20) {
+            length = static_cast<std::size_t>(get_le(begin + 16, 4));
+            damaged = length > record_max_payload;
+        }
+        const bool complete =
+            !damaged && available >= record_header_size && available >= record_header_size + length;
+        if (complete) {
+            // A wrong length within the limit shows where the next record
+            // should begin. When those bytes have not arrived yet the record
+            // goes out now: holding it for them would delay every burst's last.
+            const std::uint8_t* after = begin + record_header_size + length;
+            damaged = after < end && !magic_prefix_at(after, end);
+        } else if (!damaged && m_finished) {
+            damaged = true;
+        }
+        if (damaged) {
+            skip_damage();
+            continue;
+        }
+        if (!complete) {
+            return false;
+        }
+        out.id = static_cast<std::uint32_t>(get_le(begin + 4, 4));
+        out.timestamp = get_le(begin + 8, 8);
+        out.tag = begin[20];
+        out.data.assign(begin + record_header_size, begin + record_header_size + length);
+        m_start += record_header_size + length;
+        return true;
+    }
+}
+
+void RecordDecoder::finish() {
+    m_finished = true;
+}
+
+std::size_t RecordDecoder::take_skipped() {
+    const std::size_t skipped = m_skipped;
+    m_skipped = 0;
+    return skipped;
+}
+
+}  // namespace ecu::kora::ipc

@@ -1,0 +1,55 @@
+#pragma once
+
+// The record format of both queue-port directions: a 24-byte little-endian
+// header (magic "QPR1", RT id, timestamp, payload length <= 65536, tag, three
+// reserved bytes) followed by the payload.
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "ipc_signal.h"
+
+namespace ecu::kora::ipc {
+
+inline constexpr std::size_t record_header_size = 24;
+inline constexpr std::size_t record_max_payload = 65536;
+inline constexpr std::uint8_t record_magic[4] = {'Q', 'P', 'R', '1'};
+
+// Encodes one record (header and payload) into out, replacing its content.
+// False when the payload is longer than record_max_payload.
+bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out);
+
+// Splits a byte stream into records: feed it bytes as they come, in any chunk
+// sizes, and take complete records out. A stream out of step is damage: a
+// wrong magic, a length over the limit, or a record whose declared end is
+// followed by bytes that do not begin the next record (its length is wrong,
+// or stray bytes follow it). Damage is skipped up to the next magic, so
+// nothing after it is lost; the damaged record itself is dropped.
+class RecordDecoder {
+public:
+    // Appends bytes to the stream.
+    void feed(const std::uint8_t* data, std::size_t size);
+    // Takes the next complete record out; false when none is complete yet.
+    bool next(IpcSignal& out);
+    // No more bytes will come: a record still incomplete is damage (its
+    // length reached past the end), and the records that its declared length
+    // covered are decoded after all. What cannot start a record is dropped.
+    void finish();
+    // Bytes skipped as damage since the last call (and resets the count).
+    std::size_t take_skipped();
+    // Bytes held that do not yet form a complete record.
+    std::size_t pending() const { return m_buffer.size() - m_start; }
+
+private:
+    // Skips from the front of the held bytes to the next place where a magic
+    // begins (or could begin with bytes still to come).
+    void skip_damage();
+
+    std::vector<std::uint8_t> m_buffer;
+    std::size_t m_start = 0;
+    std::size_t m_skipped = 0;
+    bool m_finished = false;
+};
+
+}  // namespace ecu::kora::ipc
