@@ -25,6 +25,8 @@ using nlohmann::json;
 // Large enough for any RT signal group, small enough that a typo in "size"
 // cannot make add_padding allocate gigabytes per message.
 constexpr std::uint64_t max_group_size = 65536;
+// The longest topic MQTT can carry.
+constexpr std::size_t max_topic_length = 65535;
 
 const std::shared_ptr<logging::LogModule>& catalogue_log() {
     static const auto module = logging::module("kora.rt.catalogue");
@@ -99,12 +101,26 @@ struct GroupDefinition {
     std::vector<SignalDefinition> signals;
 };
 
+// A topic the broker would refuse to publish on can never carry its group.
+std::string get_topic(const json& value, const std::string& path) {
+    std::string topic = get_name(value, path);
+    if (topic.find_first_of(std::string("+#\0", 3)) != std::string::npos) {
+        throw SchemaError{path, "topic " + describe(value) +
+                                    " holds a wildcard (+ or #) or a NUL and cannot be published"};
+    }
+    if (topic.size() > max_topic_length) {
+        throw SchemaError{path, "topic is longer than " + std::to_string(max_topic_length) +
+                                    " bytes and cannot be published"};
+    }
+    return topic;
+}
+
 GroupDefinition parse_group(const json& group, const std::string& path) {
     if (!group.is_object()) {
         throw SchemaError{path, "must be an object, found " + describe(group)};
     }
     GroupDefinition result;
-    result.topic = get_name(require(group, path, "topic"), path + ".topic");
+    result.topic = get_topic(require(group, path, "topic"), path + ".topic");
     result.id = static_cast<std::uint32_t>(get_unsigned(require(group, path, "id"), path + ".id",
                                                         std::numeric_limits<std::uint32_t>::max(),
                                                         "an unsigned 32-bit integer"));
@@ -304,6 +320,19 @@ bool SignalAdapter::load(const std::string& path) {
     } catch (const std::exception& e) {
         logging::ERROR << catalogue_log() << name << ": " << e.what();
         return false;
+    }
+
+    // Allowed, but only the first topic of an id receives its RT records:
+    // say which topics clash, the daemon's own line cannot.
+    std::unordered_map<std::uint32_t, const GroupDefinition*> first_of_id;
+    for (std::size_t i = 0; i < definitions.size(); ++i) {
+        const GroupDefinition& def = definitions[i];
+        auto [first, inserted] = first_of_id.try_emplace(def.id, &def);
+        if (!inserted) {
+            logging::WARNING << catalogue_log() << name << ": groups[" << i << "]: RT id " << def.id
+                             << " of '" << def.topic << "' is already the id of '"
+                             << first->second->topic << "'";
+        }
     }
 
     m_groups.reserve(definitions.size());

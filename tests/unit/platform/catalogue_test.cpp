@@ -124,6 +124,12 @@ TEST_F(CatalogueTest, InvalidFilesEmptyTheCatalogueWithOneErrorLine) {
          "groups[0].topic: must be a string, found 7"},
         {group(R"("topic": "", "id": 1, "size": 8, )" + ok_signal),
          "groups[0].topic: must not be empty"},
+        {group(R"("topic": "rt/#", "id": 1, "size": 8, )" + ok_signal),
+         "groups[0].topic: topic string \"rt/#\" holds a wildcard"},
+        {group(R"("topic": "rt/+/x", "id": 1, "size": 8, )" + ok_signal),
+         "groups[0].topic: topic string \"rt/+/x\" holds a wildcard"},
+        {group(R"("topic": "rt/a\u0000b", "id": 1, "size": 8, )" + ok_signal),
+         "or a NUL and cannot be published"},
         {group(R"("topic": "rt/t", "size": 8, )" + ok_signal), "groups[0].id: required key"},
         {group(R"("topic": "rt/t", "id": -1, "size": 8, )" + ok_signal),
          "groups[0].id: must be an unsigned 32-bit integer, found -1"},
@@ -185,6 +191,16 @@ TEST_F(CatalogueTest, MissingFileIsReportedWithTheSystemReason) {
 }
 
 TEST_F(CatalogueTest, LookupsFollowFileOrderPrefixesAndDuplicates) {
+    // A shared id is allowed; loading names both topics, since only the first
+    // receives the id's records.
+    ASSERT_TRUE(adapter.load(dir.file("catalogue.json")));
+    const auto shared = log.find("RT id 7");
+    ASSERT_EQ(shared.size(), 1U);
+    EXPECT_EQ(shared[0].severity, ecu::kora::logging::warning);
+    EXPECT_NE(shared[0].text.find("groups[3]: RT id 7 of 'rt/c' is already the id of 'rt/b'"),
+              std::string::npos)
+        << shared[0].text;
+
     EXPECT_EQ(adapter.get_topics(""),
               (std::vector<std::string>{"rt/a", "rt/a/b", "rt/b", "rt/c", "rt/zero", "rt/b"}));
     EXPECT_EQ(adapter.get_topics("rt/a"), (std::vector<std::string>{"rt/a", "rt/a/b"}));
