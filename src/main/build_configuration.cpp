@@ -1,6 +1,12 @@
 #include "build_configuration.h"
 
-#include <fstream>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sstream>
 
 #include "logging.h"
 #include "transport_settings.h"
@@ -11,14 +17,47 @@ namespace {
 
 const auto g_log = logging::module("ipcd");
 
-// Reads the file into the configuration; false when it cannot be opened.
-bool read_config_file(const std::string& path, std::unique_ptr<config::Configuration>& config) {
-    std::ifstream file(path);
-    if (!file.is_open()) {
-        return false;
+// A few dozen keys need a few kilobytes. The bound keeps a path that names
+// something else (/dev/zero, a log file) from being read without end.
+constexpr std::size_t max_config_size = std::size_t{1} << 20;
+
+enum class FileRead { read, missing, unusable };
+
+// Reads the file into the configuration. missing: it does not exist or may
+// not be opened; unusable: it exists but is no configuration file (why is in
+// reason).
+FileRead read_config_file(const std::string& path, std::unique_ptr<config::Configuration>& config,
+                          std::string& reason) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        reason = std::strerror(errno);
+        return FileRead::missing;
     }
-    config::set_config_from_input(config, file);
-    return true;
+    if (!S_ISREG(st.st_mode)) {
+        reason = "not a regular file";
+        return FileRead::unusable;
+    }
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                         &std::fclose);
+    if (!file) {
+        reason = std::strerror(errno);
+        return FileRead::missing;
+    }
+    // Read one byte beyond the bound: a file that grows while it is read (or
+    // whose size stat does not tell) is caught as well.
+    std::string text(max_config_size + 1, '\0');
+    text.resize(std::fread(text.data(), 1, text.size(), file.get()));
+    if (std::ferror(file.get()) != 0) {
+        reason = std::strerror(errno);
+        return FileRead::unusable;
+    }
+    if (text.size() > max_config_size) {
+        reason = "larger than " + std::to_string(max_config_size) + " bytes";
+        return FileRead::unusable;
+    }
+    std::istringstream input(text);
+    config::set_config_from_input(config, input);
+    return FileRead::read;
 }
 
 void apply_log_mode(const std::string& mode) {
@@ -38,14 +77,18 @@ void apply_log_mode(const std::string& mode) {
 std::unique_ptr<config::Configuration> build_configuration(const CommandLineOptions& options,
                                                            const std::string& default_file) {
     auto config = std::make_unique<config::Configuration>();
+    std::string reason;
     if (!options.config_file.empty()) {
-        if (!read_config_file(options.config_file, config)) {
+        if (read_config_file(options.config_file, config, reason) != FileRead::read) {
+            logging::ERROR << g_log << "Config file '" << options.config_file << "': " << reason;
             logging::ERROR << g_log << "Unable to open config file.";
             return nullptr;
         }
-    } else {
-        // A missing default file is not an error: defaults and options suffice.
-        read_config_file(default_file, config);
+    } else if (read_config_file(default_file, config, reason) == FileRead::unusable) {
+        // A missing or unreadable default file is not an error: defaults and
+        // options suffice. One that is there but no configuration is.
+        logging::ERROR << g_log << "Config file '" << default_file << "': " << reason;
+        return nullptr;
     }
 
     // Defaults go into their own table, so a value from the file always wins.

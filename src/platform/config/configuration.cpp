@@ -66,15 +66,16 @@ int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& 
         }
         auto eq = content.find('=');
         if (eq == std::string::npos) {
+            // The line is not echoed: it may be a secret written without '='.
             logging::WARNING << log() << "Configuration line " << number
-                             << " has no '=' and is skipped: " << content;
+                             << " has no '=' and is skipped";
             ++skipped;
             continue;
         }
         std::string key = trim(content.substr(0, eq));
         if (key.empty()) {
             logging::WARNING << log() << "Configuration line " << number
-                             << " has no key before '=' and is skipped: " << content;
+                             << " has no key before '=' and is skipped";
             ++skipped;
             continue;
         }

@@ -2,9 +2,9 @@
 
 #include <initializer_list>
 
+#include "build_configuration.h"
 #include "command_line.h"
 #include "logging.h"
-#include "build_configuration.h"
 #include "support.h"
 
 namespace ipcd = ecu::kora::ipcd;
@@ -114,11 +114,27 @@ TEST_F(BuildConfiguration, OptionOverFileOverDefault) {
     EXPECT_TRUE(capture.has(logging::Severity::debug, "Setting port to 2222"));
 }
 
-TEST_F(BuildConfiguration, NamedFileMustOpenEvenWhenTheDefaultExists) {
+TEST_F(BuildConfiguration, NamedFileMustBeARegularFileOfSaneSize) {
     std::string default_file = dir.write("ipcd.conf", "host=x\n");
-    options.config_file = dir.file("nope.conf");
-    EXPECT_FALSE(ipcd::build_configuration(options, default_file));
-    EXPECT_TRUE(capture.has(logging::Severity::error, "Unable to open config file."));
+    const std::string big = dir.write("big.conf", "# " + std::string(1 << 20, 'x') + "\n");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {dir.file("nope.conf"), "No such file or directory"},
+        {dir.path(), "not a regular file"},
+        {"/dev/zero", "not a regular file"},
+        {big, "larger than 1048576 bytes"},
+    };
+    for (const auto& [path, reason] : cases) {
+        capture.clear();
+        options.config_file = path;
+        EXPECT_FALSE(ipcd::build_configuration(options, default_file)) << path;
+        EXPECT_TRUE(capture.has(logging::Severity::error, "Unable to open config file.")) << path;
+        EXPECT_TRUE(capture.has(logging::Severity::error, "Config file '" + path + "': " + reason))
+            << path;
+    }
+    // The default file may be missing; when it is there, it must be usable too.
+    options.config_file.clear();
+    EXPECT_TRUE(ipcd::build_configuration(options, dir.file("nope.conf")));
+    EXPECT_FALSE(ipcd::build_configuration(options, big));
 }
 
 TEST_F(BuildConfiguration, LogModeAndLevelLayers) {
