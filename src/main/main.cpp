@@ -2,6 +2,7 @@
 // main() turns the command line and the configuration file into one running
 // bridge; every failure before the bridge runs ends the process with status 1.
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -11,12 +12,16 @@
 #include "command_line.h"
 #include "ipcd.h"
 #include "logging.h"
+#include "supervisor.h"
 #include "transport.h"
 
 int main(int argc, char** argv) {
     using namespace ecu::kora;
     static const auto log = logging::module("ipcd");
     const ipcd::CommandLineOptions& options = ipcd::g_command_line;
+    // First, while this is the only thread: every thread started later
+    // inherits the blocked stop signals, which then reach only the supervisor.
+    Supervisor supervisor;
 
     if (ipcd::parse_opts(argc, argv) == 0) {
         ipcd::usage();
@@ -43,6 +48,23 @@ int main(int argc, char** argv) {
     bridge.m_log_rt_signals = ipcd::split_as<unsigned>(rt_signal_list, ',');
     bridge.m_queue_rx = config->get("queue_rx");
     bridge.m_queue_tx = config->get("queue_tx");
+
+    // A stop signal ends the daemon the way the shutdown indication does:
+    // reading stops, the end of data is published, what waits for the broker
+    // is written, and the process ends with status 0. The watchdog is fed
+    // while the RX reader goes round its loop.
+    supervisor.start(
+        [&bridge](int signal) {
+            logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
+                            << ", stopping";
+            bridge.m_reader.stop_requested = true;
+        },
+        [&bridge, last = std::uint64_t{0}]() mutable {
+            const std::uint64_t now = bridge.m_reader.rounds();
+            const bool moved = now != last;
+            last = now;
+            return moved;
+        });
 
     // Returns only when the broker connection failed; every other end of the
     // bridge ends the process itself.

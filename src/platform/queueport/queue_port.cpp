@@ -132,6 +132,7 @@ void QueuePortReader<Depth, Record>::read_loop() {
     bool ended = false;
 
     while (!ended && !stop_requested.load()) {
+        m_rounds.fetch_add(1, std::memory_order_relaxed);
         pollfd pfd{m_fd, POLLIN, 0};
         const auto p = sys_call("poll", [&] { return ::poll(&pfd, 1, poll_timeout_ms); });
         if (p.failed()) {

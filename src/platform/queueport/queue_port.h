@@ -57,7 +57,12 @@ public:
     // Set from another thread to end read_loop.
     std::atomic<bool> stop_requested{false};
 
+    // Rounds of read_loop so far. It goes round at least every 50 ms while it
+    // reads, so a count that stands still means a reader stuck in a record.
+    std::uint64_t rounds() const { return m_rounds.load(std::memory_order_relaxed); }
+
 private:
+    std::atomic<std::uint64_t> m_rounds{0};
     IDataConsumer<IpcSignal>& m_consumer;
     int m_fd = -1;
     std::string m_path;

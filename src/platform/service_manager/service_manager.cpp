@@ -2,6 +2,8 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <cstdint>
+
 namespace ecu::kora {
 
 void application_starting() {
@@ -10,6 +12,18 @@ void application_starting() {
 
 void application_ready() {
     sd_notify(0, "READY=1");
+}
+
+std::chrono::microseconds watchdog_period() {
+    std::uint64_t usec = 0;
+    if (sd_watchdog_enabled(0, &usec) <= 0) {
+        return std::chrono::microseconds::zero();
+    }
+    return std::chrono::microseconds(usec);
+}
+
+void watchdog_alive() {
+    sd_notify(0, "WATCHDOG=1");
 }
 
 namespace ipc {

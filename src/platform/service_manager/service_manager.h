@@ -3,12 +3,20 @@
 // Notifications to the service manager (systemd Type=notify). Each is a no-op
 // when NOTIFY_SOCKET is not set, so the daemon also runs outside systemd.
 
+#include <chrono>
+
 namespace ecu::kora {
 
 // Sends "STATUS=starting".
 void application_starting();
 // Sends "READY=1".
 void application_ready();
+
+// The watchdog period the service manager asked for (WATCHDOG_USEC, for this
+// process); zero when it asked for none.
+std::chrono::microseconds watchdog_period();
+// Sends "WATCHDOG=1": the daemon is alive.
+void watchdog_alive();
 
 namespace ipc {
 
