@@ -7,6 +7,7 @@
 #include "bridge_bodies.pb.h"
 #include "logging.h"
 #include "message_adapter.h"
+#include "rt_signal_frame.h"
 #include "service_manager.h"
 #include "topics.h"
 
@@ -189,7 +190,7 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
     }
     RequestTopic& rt_topic = entry->second;
     const bool requested = rt_topic.requested.load(std::memory_order_relaxed);
-    {
+    if (logging::INFO.admits(g_log.get())) {
         auto line = logging::INFO << g_log;
         line << "Data for topic '" << rt_topic.topic << "' received "
              << "(rt id: " << signal.id << ") ";
@@ -204,20 +205,11 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
         return;
     }
 
-    pb::RtSignal body;
-    body.set_timestamp(signal.timestamp);
-    body.set_data(signal.data.data(), signal.data.size());
-    body.set_tag(signal.tag);
-    body.set_source(m_transport->client_name());
-
-    com::PbInternalMessageAdapter<pb::RtSignal> adapter(1);
-    auto framed = adapter.serialize(body);
-    if (!framed.success) {
-        logging::ERROR << g_log << "Unable to serialize RtSignal '" << signal.id << "' for topic: '"
-                       << rt_topic.topic << "', nothing will be relayed to RT!";
-        return;
-    }
-    framed.message.retained = rt_topic.retained;
+    // The RtSignal of the record, framed straight into the reader thread's
+    // buffer: no body object, no allocation once the buffer has grown.
+    com::frame_rt_signal({signal.timestamp, signal.data.data(), signal.data.size(), signal.tag},
+                         m_transport->client_name(), m_relay_frame);
+    m_relay_frame.retained = rt_topic.retained;
 
     if (m_earlybird_thread.joinable() && !rt_topic.retained) {
         std::unique_lock<std::mutex> lock(m_earlybird_mutex);
@@ -227,13 +219,13 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
                 return;
             }
         } else {
-            m_earlybird.emplace_back(signal.id, rt_topic.topic, framed.message);
+            m_earlybird.emplace_back(signal.id, rt_topic.topic, m_relay_frame);
             logging::DEBUG << g_log << "Queue Message for topic: " << rt_topic.topic
                            << " new queue-size: " << m_earlybird.size();
             return;
         }
     }
-    m_transport->publish(rt_topic.topic, framed.message);
+    m_transport->publish(rt_topic.topic, m_relay_frame);
 }
 
 void IPCd::earlybird_flush() {

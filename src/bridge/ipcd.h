@@ -102,6 +102,10 @@ public:
     std::unordered_map<std::string, rt::SignalGroup> m_tx_groups;
 
 private:
+    // The reader thread's frame of the record being relayed, reused for every
+    // record (consume() only).
+    com::Message m_relay_frame;
+
     void earlybird_flush();
     void send_to_rt(const std::string& topic, const com::Message& msg);
     void handle_system_state(const com::Message& msg);

@@ -126,7 +126,6 @@ void QueuePortReader<Depth, Record>::read_loop() {
         !sys_call("fstat", [&] { return ::fstat(m_fd, &st); }).failed() && S_ISFIFO(st.st_mode);
 
     RecordDecoder decoder;
-    std::vector<std::uint8_t> chunk(read_chunk);
     IpcSignal record;
     std::size_t damage = 0;  // bytes of the damaged stretch not yet reported
     bool ended = false;
@@ -142,7 +141,9 @@ void QueuePortReader<Depth, Record>::read_loop() {
         if (p.value == 0) {
             continue;
         }
-        const auto n = sys_call("read", [&] { return ::read(m_fd, chunk.data(), chunk.size()); });
+        // Straight into the decoder: the bytes are not copied on their way in.
+        std::uint8_t* room = decoder.prepare(read_chunk);
+        const auto n = sys_call("read", [&] { return ::read(m_fd, room, read_chunk); });
         if (n.failed()) {
             if (n.error == EAGAIN || n.error == EWOULDBLOCK) {
                 continue;
@@ -161,7 +162,7 @@ void QueuePortReader<Depth, Record>::read_loop() {
                 decoder.finish();
             }
         } else {
-            decoder.feed(chunk.data(), static_cast<std::size_t>(n.value));
+            decoder.commit(static_cast<std::size_t>(n.value));
         }
 
         // A stretch of damage is reported once, when the record after it

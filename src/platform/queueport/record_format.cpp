@@ -46,22 +46,31 @@ bool encode_record(const IpcSignal& signal, std::vector<std::uint8_t>& out) {
     return true;
 }
 
-void RecordDecoder::feed(const std::uint8_t* data, std::size_t size) {
-    // Consumed bytes are dropped only once they are at least half the buffer,
-    // so each byte is moved at most once on average.
-    if (m_start == m_buffer.size()) {
-        m_buffer.clear();
-        m_start = 0;
-    } else if (m_start > 0 && m_start >= m_buffer.size() / 2) {
-        m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(m_start));
+std::uint8_t* RecordDecoder::prepare(std::size_t size) {
+    if (m_start == m_end) {
+        m_start = m_end = 0;
+    } else if (m_end + size > m_buffer.size() && m_start > 0) {
+        // What is left is at most one record: moving it is cheaper than growing.
+        std::memmove(m_buffer.data(), m_buffer.data() + m_start, m_end - m_start);
+        m_end -= m_start;
         m_start = 0;
     }
-    m_buffer.insert(m_buffer.end(), data, data + size);
+    if (m_end + size > m_buffer.size()) {
+        m_buffer.resize(m_end + size);
+    }
+    return m_buffer.data() + m_end;
+}
+
+void RecordDecoder::feed(const std::uint8_t* data, std::size_t size) {
+    if (size > 0) {
+        std::memcpy(prepare(size), data, size);
+        commit(size);
+    }
 }
 
 void RecordDecoder::skip_damage() {
     const std::uint8_t* begin = m_buffer.data() + m_start;
-    const std::uint8_t* end = m_buffer.data() + m_buffer.size();
+    const std::uint8_t* end = m_buffer.data() + m_end;
     // memchr keeps the search cheap on long damage.
     const std::uint8_t* at = begin + 1;
     while (at < end) {
@@ -83,7 +92,7 @@ void RecordDecoder::skip_damage() {
 bool RecordDecoder::next(IpcSignal& out) {
     for (;;) {
         const std::uint8_t* begin = m_buffer.data() + m_start;
-        const std::uint8_t* end = m_buffer.data() + m_buffer.size();
+        const std::uint8_t* end = m_buffer.data() + m_end;
         const auto available = static_cast<std::size_t>(end - begin);
         if (available == 0) {
             return false;

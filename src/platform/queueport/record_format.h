@@ -30,6 +30,10 @@ class RecordDecoder {
 public:
     // Appends bytes to the stream.
     void feed(const std::uint8_t* data, std::size_t size);
+    // Room for up to size more bytes at the end of the stream, for a read
+    // straight into it; commit(n) then appends the n bytes that were read.
+    std::uint8_t* prepare(std::size_t size);
+    void commit(std::size_t n) { m_end += n; }
     // Takes the next complete record out; false when none is complete yet.
     bool next(IpcSignal& out);
     // No more bytes will come: a record still incomplete is damage (its
@@ -39,15 +43,17 @@ public:
     // Bytes skipped as damage since the last call (and resets the count).
     std::size_t take_skipped();
     // Bytes held that do not yet form a complete record.
-    std::size_t pending() const { return m_buffer.size() - m_start; }
+    std::size_t pending() const { return m_end - m_start; }
 
 private:
     // Skips from the front of the held bytes to the next place where a magic
     // begins (or could begin with bytes still to come).
     void skip_damage();
 
+    // The stream's bytes are [m_start, m_end) of m_buffer; the rest is room.
     std::vector<std::uint8_t> m_buffer;
     std::size_t m_start = 0;
+    std::size_t m_end = 0;
     std::size_t m_skipped = 0;
     bool m_finished = false;
 };

@@ -11,6 +11,7 @@
 
 #include "date_time.h"
 #include "message_adapter.h"
+#include "rt_signal_frame.h"
 #include "support.h"
 
 namespace ecu::kora::com {
@@ -286,6 +287,32 @@ TEST(FramingWire, RtSignalFrameMatchesHandEncodedBytes) {
     EXPECT_EQ(in.body.data(), std::string("\x01\x02", 2));
     EXPECT_EQ(in.body.tag(), 5U);
     EXPECT_EQ(in.body.source(), "ipcd");
+}
+
+// The relay's own encoder must give the adapter's bytes for every record: a
+// varint length at its boundaries, an empty payload (present, empty), the
+// largest timestamp and tag, a reused message that held a longer frame.
+TEST(FramingWire, RelayFrameIsTheAdaptersFrame) {
+    Message reused;
+    reused.payload.assign(70000, 0xFF);
+    for (std::size_t size : {0, 1, 127, 128, 16383, 16384, 65536}) {
+        for (std::uint64_t timestamp : {std::uint64_t{0}, std::uint64_t{300}, ~std::uint64_t{0}}) {
+            const Bytes data(size, static_cast<std::uint8_t>(size));
+            const std::uint8_t tag = size % 2 == 0 ? 0 : 255;
+            const std::string source = size == 128 ? std::string(200, 's') : "ipcd";
+            pb::RtSignal body;
+            body.set_timestamp(timestamp);
+            body.set_data(data.data(), data.size());
+            body.set_tag(tag);
+            body.set_source(source);
+            const auto expected = PbInternalMessageAdapter<pb::RtSignal>(1).serialize(body).message;
+            frame_rt_signal({timestamp, data.data(), data.size(), tag}, source, reused);
+            ASSERT_EQ(reused.payload, expected.payload)
+                << size << " bytes, timestamp " << timestamp;
+            EXPECT_EQ(reused.timestamp, timestamp);
+            EXPECT_EQ(reused.format, 1);
+        }
+    }
 }
 
 TEST(FramingRobustness, TruncationsAndGarbageOnlyEverYieldACode) {
