@@ -28,7 +28,11 @@ void error_line(const std::string& text) {
 
 void route_logging(bool verbose) {
     logging::set_sink([verbose](int severity, const std::string& module, const std::string& text) {
-        if (module == "kora.rt.catalogue" && severity <= logging::error) {
+        // What the user must know: why the catalogue, the settings or the
+        // broker connection failed.
+        if (severity <= logging::error &&
+            (module == "kora.rt.catalogue" || module == "kora.com.transport" ||
+             module == "kora.config")) {
             error_line(text);
         } else if (verbose) {
             error_line(std::string(logging::level_name(severity)) + " " + module + ": " + text);

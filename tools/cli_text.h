@@ -18,8 +18,9 @@ const std::string& program();
 // Prints "PROGRAM: text" on stderr as one line.
 void error_line(const std::string& text);
 
-// Routes the platform's log lines: catalogue errors become error lines, the
-// rest (transport and framing chatter) is dropped unless verbose.
+// Routes the platform's log lines: errors of the catalogue, the settings and
+// the broker connection become error lines, the rest (transport and framing
+// chatter) is dropped unless verbose.
 void route_logging(bool verbose);
 
 // A decimal or 0x-hexadecimal unsigned 64-bit number, nothing else.

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -46,8 +47,10 @@ constexpr const char* g_usage =
     "Talks to ipcd over the MQTT broker as a client application would.\n"
     "\n"
     "Options:\n"
-    "  -H, --host HOST      broker host (default localhost)\n"
-    "  -p, --port PORT      broker port (default 1883)\n"
+    "  -c, --config FILE    take the broker settings (host, port, TLS, login) from\n"
+    "                       ipcd's configuration file, e.g. /etc/kirn/ipcd.conf\n"
+    "  -H, --host HOST      broker host (default localhost); overrides the file\n"
+    "  -p, --port PORT      broker port (default 1883); overrides the file\n"
     "  --catalogue FILE     signal catalogue (default $KIRN_RT_CATALOGUE, else\n"
     "                       /etc/kirn/rt_catalogue.json)\n"
     "  --timeout SECONDS    how long to wait: for acknowledgements (default 5), for\n"
@@ -65,6 +68,8 @@ constexpr const char* g_usage =
     "  watch [--json] [--count N] [TOPIC...]\n"
     "                                     print messages decoded (default topic #)\n"
     "  status [--json]                    print the subscription status ipcd keeps\n"
+    "  ping                               succeed when the broker accepts a connection\n"
+    "                                     (what ipcd's service unit waits for)\n"
     "\n"
     "Publishing commands return once the broker has acknowledged the message.\n"
     "Exit status: 0 done, 1 broker or timeout failure, 2 bad arguments.\n";
@@ -72,8 +77,9 @@ constexpr const char* g_usage =
 constexpr int g_bad_input = 2;
 
 struct Options {
-    std::string host = "localhost";
-    std::string port = "1883";
+    std::string config_file;
+    std::string host;  // empty: the file's, else the default
+    std::string port;
     std::string catalogue;
     double timeout = -1;  // command default
     bool verbose = false;
@@ -113,14 +119,31 @@ std::string marker_topic(const std::string& client_name) {
     return "ipcd-ctl/" + client_name + "/ready";
 }
 
+std::string broker_of(const Connection& c) {
+    return c.config->get("host") + ":" + c.config->get("port");
+}
+
 // Connects; inbox (if any) gets the topics, subscribed before the connection
 // so that retained messages are not missed.
 bool connect(const Options& o, Connection& c, const std::vector<std::string>& topics = {},
              const std::shared_ptr<Inbox>& inbox = nullptr) {
     c.config = std::make_unique<config::Configuration>();
+    if (!o.config_file.empty()) {
+        std::ifstream file(o.config_file);
+        if (!file) {
+            error_line("cannot read configuration file " + o.config_file);
+            return false;
+        }
+        config::set_config_from_input(c.config, file);
+    }
     com::add_transport_settings(*c.config);
-    c.config->values()["host"] = o.host;
-    c.config->values()["port"] = o.port;
+    if (!o.host.empty()) {
+        c.config->values()["host"] = o.host;
+    }
+    if (!o.port.empty()) {
+        c.config->values()["port"] = o.port;
+    }
+    // Never ipcd's own client id: the broker would close ipcd's session.
     c.config->values()["client_name"] = "ipcd-ctl-" + std::to_string(getpid());
     c.client = com::create_client(c.config, com::TransportType::mqtt);
     if (!c.client) {
@@ -137,7 +160,7 @@ bool connect(const Options& o, Connection& c, const std::vector<std::string>& to
         c.client->subscribe(marker_topic(c.client->client_name()), 1, inbox);
     }
     if (!c.client->connect() || !c.client->start()) {
-        error_line("cannot connect to broker " + o.host + ":" + o.port);
+        error_line("cannot connect to broker " + broker_of(c));
         c.client.reset();
         return false;
     }
@@ -170,7 +193,7 @@ int publish(const Options& o, const std::string& topic, const T& body) {
     const bool acked = mqtt == nullptr || mqtt->pending() == 0;
     c.client->stop();
     if (!acked) {
-        error_line("no acknowledgement from broker " + o.host + ":" + o.port + " for " + topic);
+        error_line("no acknowledgement from broker " + broker_of(c) + " for " + topic);
         return 1;
     }
     return 0;
@@ -474,16 +497,20 @@ int usage_error(const std::string& text) {
 
 int run(int argc, char** argv) {
     Options o;
-    static const option long_options[] = {{"host", required_argument, nullptr, 'H'},
+    static const option long_options[] = {{"config", required_argument, nullptr, 'c'},
+                                          {"host", required_argument, nullptr, 'H'},
                                           {"port", required_argument, nullptr, 'p'},
-                                          {"catalogue", required_argument, nullptr, 'c'},
+                                          {"catalogue", required_argument, nullptr, 'C'},
                                           {"timeout", required_argument, nullptr, 't'},
                                           {"verbose", no_argument, nullptr, 'v'},
                                           {"help", no_argument, nullptr, 'h'},
                                           {nullptr, 0, nullptr, 0}};
     opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, "+H:p:vh", long_options, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, "+c:H:p:vh", long_options, nullptr)) != -1;) {
         switch (c) {
+            case 'c':
+                o.config_file = optarg;
+                break;
             case 'H':
                 o.host = optarg;
                 break;
@@ -493,7 +520,7 @@ int run(int argc, char** argv) {
                 }
                 o.port = optarg;
                 break;
-            case 'c':
+            case 'C':
                 o.catalogue = optarg;
                 break;
             case 't': {
@@ -562,6 +589,18 @@ int run(int argc, char** argv) {
             return usage_error("send: expected rttx/PATH NAME=VALUE...");
         }
         return send(o, args[0], {args.begin() + 1, args.end()});
+    }
+    if (command == "ping") {
+        if (!args.empty()) {
+            return usage_error("ping: takes no argument");
+        }
+        Connection c;
+        if (!connect(o, c)) {
+            return 1;
+        }
+        print_line("broker " + broker_of(c) + " accepted the connection");
+        c.client->stop();
+        return 0;
     }
     if (command == "watch" || command == "status") {
         bool json = false;
