@@ -75,6 +75,10 @@ write("fuzz_records", "two_records", chunked(two, [256]))
 write("fuzz_records", "short_reads", chunked(two, [1, 5, 3, 24]))
 write("fuzz_records", "damage", chunked(b"\x00QP" + record(1, b"") + b"QPR1" + b"\xff" * 20 + record(2, b"x"), [7, 13]))
 write("fuzz_records", "empty_payload", chunked(record(0, b""), [24]))
+# Lengths wrong within the limit: one reaching into the next record, one short.
+long_len = bytearray(record(5, b"abcdef")); long_len[16] = 30
+short_len = bytearray(record(6, b"abcdef")); short_len[16] = 2
+write("fuzz_records", "wrong_length", chunked(bytes(long_len) + two + bytes(short_len) + two, [9, 40]))
 
 # fuzz_config: key=value text.
 write("fuzz_config", "full", b"# ipcd\nhost = 127.0.0.1\nport=1883\nclient_name=ipcd\nqueue_rx=/dev/qport/rx\n"
