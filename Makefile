@@ -1,6 +1,11 @@
 # The two commands of the README: `make demo` and `make test`.
 BUILD ?= build
-GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo Ninja || echo "Unix Makefiles")
+# Ninja when installed, else Makefiles. Left to the shell of the recipe that
+# configures, which runs after `deps`: on a fresh machine ninja only exists
+# once install-deps has run, and a choice made while make reads this file would
+# give the first build another generator than every later one.
+# `make GENERATOR=...` still chooses.
+GENERATOR ?= $$(command -v ninja >/dev/null 2>&1 && echo Ninja || echo 'Unix Makefiles')
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
@@ -13,7 +18,7 @@ all: build
 deps:
 	@bash scripts/install-deps
 
-$(BUILD)/CMakeCache.txt:
+$(BUILD)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD) -G "$(GENERATOR)" $(CMAKE_FLAGS)
 
 configure: $(BUILD)/CMakeCache.txt
@@ -62,9 +67,11 @@ package: build
 	cd $(BUILD) && cpack -G DEB
 
 lint: configure
+	@IPCD_DEPS_LINT=1 bash scripts/install-deps
 	@bash scripts/lint $(BUILD)
 
 format:
+	@IPCD_DEPS_LINT=1 bash scripts/install-deps
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:

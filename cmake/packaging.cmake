@@ -25,13 +25,22 @@ install(FILES dist/rt_catalogue.json DESTINATION ${IPCD_SYSCONFDIR})
 file(GLOB _ipcd_protos ${PROJECT_SOURCE_DIR}/proto/*.proto)
 install(FILES ${_ipcd_protos} DESTINATION ${CMAKE_INSTALL_DATADIR}/ipcd/proto)
 
-# The unit names /usr/sbin/ipcd; point it at the sbin of the prefix actually
-# installed into (decided at install time: cpack uses /usr, a plain install
-# /usr/local unless told otherwise).
+# The unit's start-up steps (broker probe, queue-port access).
+install(PROGRAMS dist/ipcd-prestart DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/ipcd)
+
+# The one unit action the daemon's user may take (stopping norvex). polkit
+# reads rules from /usr/share and /etc only, whatever the install prefix.
+install(FILES dist/50-ipcd.rules DESTINATION /usr/share/polkit-1/rules.d)
+
+# The unit names /usr/sbin/ipcd and /usr/libexec/ipcd/; point it at the
+# prefix actually installed into (decided at install time: cpack uses /usr, a
+# plain install /usr/local unless told otherwise).
 install(CODE "
   file(READ \"${PROJECT_SOURCE_DIR}/dist/ipcd.service\" _unit)
-  string(REPLACE \"ExecStart=/usr/sbin/ipcd\"
-                 \"ExecStart=\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/ipcd\" _unit \"\${_unit}\")
+  string(REPLACE \"=/usr/sbin/ipcd\"
+                 \"=\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/ipcd\" _unit \"\${_unit}\")
+  string(REPLACE \"/usr/libexec/ipcd/\"
+                 \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBEXECDIR}/ipcd/\" _unit \"\${_unit}\")
   file(WRITE \"${PROJECT_BINARY_DIR}/packaging/unit/ipcd.service\" \"\${_unit}\")
   file(INSTALL DESTINATION \"${IPCD_SYSTEMD_UNITDIR}\" TYPE FILE
        FILES \"${PROJECT_BINARY_DIR}/packaging/unit/ipcd.service\")
@@ -48,8 +57,27 @@ file(WRITE ${_ipcd_control}/conffiles
 # unit but does not start it: without the RT partition's queue ports it could
 # only fail; it starts at the next boot or by hand. An upgrade restarts a
 # running daemon.
+#
+# The daemon runs as the system user "ipcd" (see the unit). It is made with
+# the shadow tools, which work in a chroot without systemd, and kept on purge
+# as Debian does with system users, so that no later user inherits files it
+# left. The configuration may hold the broker password: root writes it, the
+# daemon's group reads it (a stat override, so that dpkg keeps it on
+# upgrades and an administrator's own override wins).
 file(WRITE ${_ipcd_control}/postinst [=[#!/bin/sh
 set -e
+if [ "$1" = configure ]; then
+    if ! getent group ipcd >/dev/null; then
+        groupadd --system ipcd
+    fi
+    if ! getent passwd ipcd >/dev/null; then
+        useradd --system --gid ipcd --no-create-home --home-dir /nonexistent \
+            --shell /usr/sbin/nologin --comment "ipcd daemon" ipcd
+    fi
+    if ! dpkg-statoverride --list /etc/kirn/ipcd.conf >/dev/null 2>&1; then
+        dpkg-statoverride --update --add root ipcd 0640 /etc/kirn/ipcd.conf
+    fi
+fi
 if [ "$1" = configure ] || [ "$1" = abort-upgrade ] || [ "$1" = abort-deconfigure ] || [ "$1" = abort-remove ]; then
     if command -v deb-systemd-helper >/dev/null 2>&1; then
         deb-systemd-helper unmask ipcd.service >/dev/null || true
@@ -89,6 +117,9 @@ if command -v deb-systemd-helper >/dev/null 2>&1; then
         deb-systemd-helper unmask ipcd.service >/dev/null || true
     fi
 fi
+if [ "$1" = purge ] && dpkg-statoverride --list /etc/kirn/ipcd.conf >/dev/null 2>&1; then
+    dpkg-statoverride --remove /etc/kirn/ipcd.conf || true
+fi
 exit 0
 ]=])
 
@@ -118,14 +149,20 @@ queue port. It runs as a systemd service.
 The protobuf definitions of the message bodies are installed under
 /usr/share/ipcd/proto for client developers.")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "mosquitto")
+# What the unit and the maintainer scripts use: setfacl for the queue-port
+# access, polkitd for the rule that lets the daemon stop norvex (systemctl as
+# a user other than root goes through D-Bus and polkit), the shadow tools
+# that make the user.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "acl, polkitd, passwd")
 find_program(IPCD_DPKG_SHLIBDEPS dpkg-shlibdeps)
 mark_as_advanced(IPCD_DPKG_SHLIBDEPS)
 if(IPCD_DPKG_SHLIBDEPS)
-  # Exact library packages and versions from the binaries themselves.
+  # Exact library packages and versions from the binaries themselves,
+  # appended to the list above.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 else()
-  set(CPACK_DEBIAN_PACKAGE_DEPENDS
-      "libmosquitto1, libprotobuf-lite32, libsystemd0, libstdc++6, libgcc-s1, libc6")
+  string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS
+         ", libmosquitto1, libprotobuf-lite32, libsystemd0, libstdc++6, libgcc-s1, libc6")
 endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${_ipcd_control}/conffiles ${_ipcd_control}/postinst

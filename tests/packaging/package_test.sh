@@ -42,6 +42,13 @@ echo "Depends: $depends"
 grep -qw libmosquitto1 <<<"$depends" || fail "Depends does not name libmosquitto1"
 grep -qw libprotobuf-lite32 <<<"$depends" || fail "Depends does not name libprotobuf-lite32"
 grep -qw mosquitto <<<"$(dpkg-deb -f "$deb" Recommends)" || fail "mosquitto is not recommended"
+# The unit's grant step runs setfacl; the norvex stop needs the polkit rule.
+for dep in acl polkitd passwd; do
+    grep -qw "$dep" <<<"$depends" || fail "Depends does not name $dep"
+done
+# The unit runs the daemon as "ipcd": the package must make that user.
+sed -e ':a' -e '/\\$/{N;s/\\\n//;ba' -e '}' "$tmp/control/postinst" | grep -q 'useradd --system .* ipcd$' ||
+    fail "postinst does not create the user ipcd"
 for f in /etc/kirn/ipcd.conf /etc/kirn/rt_catalogue.json; do
     grep -qx "$f" "$tmp/control/conffiles" || fail "$f is not a conffile"
 done
@@ -68,11 +75,16 @@ if [ -f "$unit" ]; then
     else
         fail "ExecStart $exec_start is not an executable file in the package"
     fi
-    # Unit syntax, with ExecStart pointed into the unpacked root so that the
-    # binary check of verify applies to the packaged binary.
+    # Every program the unit starts is in the package.
+    for program in $(sed -n 's/^Exec[A-Za-z]*=[-@:+!]*\([^ ]*\).*/\1/p' "$unit"); do
+        [ -x "$root$program" ] && [ -f "$root$program" ] ||
+            fail "the unit starts $program, which is not an executable file in the package"
+    done
+    # Unit syntax, with the programs pointed into the unpacked root so that
+    # the binary check of verify applies to the packaged ones.
     if command -v systemd-analyze >/dev/null; then
         mkdir -p "$tmp/verify"
-        sed "s#^ExecStart=$exec_start#ExecStart=$root$exec_start#" "$unit" >"$tmp/verify/ipcd.service"
+        sed "s#^\(Exec[A-Za-z]*=[-@:+!]*\)/#\1$root/#" "$unit" >"$tmp/verify/ipcd.service"
         # verify only warns about values it ignores; those count as failures.
         verify=$(systemd-analyze verify --man=no "$tmp/verify/ipcd.service" 2>&1)
         rc=$?
