@@ -124,15 +124,17 @@ std::string broker_of(const Connection& c) {
 }
 
 // Connects; inbox (if any) gets the topics, subscribed before the connection
-// so that retained messages are not missed.
-bool connect(const Options& o, Connection& c, const std::vector<std::string>& topics = {},
-             const std::shared_ptr<Inbox>& inbox = nullptr) {
+// so that retained messages are not missed. 0 when connected; g_bad_input for
+// settings that cannot work (the file, or what the transport refuses); 1 when
+// the broker cannot be reached or refuses.
+int connect(const Options& o, Connection& c, const std::vector<std::string>& topics = {},
+            const std::shared_ptr<Inbox>& inbox = nullptr) {
     c.config = std::make_unique<config::Configuration>();
     if (!o.config_file.empty()) {
         std::ifstream file(o.config_file);
         if (!file) {
             error_line("cannot read configuration file " + o.config_file);
-            return false;
+            return g_bad_input;
         }
         config::set_config_from_input(c.config, file);
     }
@@ -145,26 +147,29 @@ bool connect(const Options& o, Connection& c, const std::vector<std::string>& to
     }
     // Never ipcd's own client id: the broker would close ipcd's session.
     c.config->values()["client_name"] = "ipcd-ctl-" + std::to_string(getpid());
+    if (!c.config->verify()) {
+        return g_bad_input;
+    }
     c.client = com::create_client(c.config, com::TransportType::mqtt);
     if (!c.client) {
         error_line("cannot create an MQTT client");
-        return false;
+        return g_bad_input;
     }
     for (const auto& topic : topics) {
         if (!c.client->subscribe(topic, 2, inbox)) {
             error_line("cannot subscribe '" + topic + "'");
-            return false;
+            return g_bad_input;
         }
     }
     if (inbox) {
         c.client->subscribe(marker_topic(c.client->client_name()), 1, inbox);
     }
+    // The transport has said why, in an error line of its own.
     if (!c.client->connect() || !c.client->start()) {
-        error_line("cannot connect to broker " + broker_of(c));
         c.client.reset();
-        return false;
+        return 1;
     }
-    return true;
+    return 0;
 }
 
 // Publishes and waits for the broker's acknowledgement.
@@ -176,8 +181,8 @@ int publish(const Options& o, const std::string& topic, const T& body) {
         return 1;
     }
     Connection c;
-    if (!connect(o, c)) {
-        return 1;
+    if (const int rc = connect(o, c); rc != 0) {
+        return rc;
     }
     framed.message.qos = 1;
     if (c.client->publish(topic, framed.message) <= 0) {
@@ -387,8 +392,8 @@ int watch(const Options& o, const std::vector<std::string>& topics, bool json,
 
     auto inbox = std::make_shared<Inbox>();
     Connection c;
-    if (!connect(o, c, topics, inbox)) {
-        return 1;
+    if (const int rc = connect(o, c, topics, inbox); rc != 0) {
+        return rc;
     }
     const std::string marker = marker_topic(c.client->client_name());
     com::Message ping;
@@ -435,8 +440,8 @@ int watch(const Options& o, const std::vector<std::string>& topics, bool json,
 int status(const Options& o, bool json) {
     auto inbox = std::make_shared<Inbox>();
     Connection c;
-    if (!connect(o, c, {topics::subscription_status}, inbox)) {
-        return 1;
+    if (const int rc = connect(o, c, {topics::subscription_status}, inbox); rc != 0) {
+        return rc;
     }
     const auto wait = std::chrono::duration<double>(o.timeout < 0 ? 2 : o.timeout);
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(wait);
@@ -595,8 +600,8 @@ int run(int argc, char** argv) {
             return usage_error("ping: takes no argument");
         }
         Connection c;
-        if (!connect(o, c)) {
-            return 1;
+        if (const int rc = connect(o, c); rc != 0) {
+            return rc;
         }
         print_line("broker " + broker_of(c) + " accepted the connection");
         c.client->stop();

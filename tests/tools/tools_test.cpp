@@ -164,7 +164,7 @@ TEST_F(ToolsTest, BadInputGivesOneErrorLineAndAStatus) {
         {{"state", "256"}, 2, "ipcd-ctl: state: expected one VALUE from 0 to 255 (see --help)\n"},
         {{"-p", absent, "announce", "rt/vehicle/speed"},
          1,
-         "ipcd-ctl: cannot connect to broker 127.0.0.1:" + absent + "\n"},
+         "ipcd-ctl: cannot connect to broker 127.0.0.1:" + absent + ": Connection refused\n"},
         {{"sim", "--scenario", bad},
          2,
          "ipcd-sim: scenario " + bad + ":4: payload 'hex:0g' is not whole hex bytes\n"},
