@@ -1,0 +1,235 @@
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+
+#include "mosquitto_text.h"
+#include "mqtt_client.h"
+
+// The session's beginning and end: setting the connection up, the first
+// connection with its bounded wait and its reason when it fails, and stopping
+// the network thread.
+
+namespace ecu::kora::com {
+
+namespace {
+
+using namespace std::chrono_literals;
+using detail::describe;
+using detail::describe_connack;
+
+// How long connect() waits for the broker's CONNACK.
+constexpr auto g_connack_timeout = 5s;
+// Reconnection back-off: 1 s, then 2 s, never longer, so that relaying
+// resumes within about 2 s of the broker's return.
+constexpr unsigned g_reconnect_delay_s = 1;
+constexpr unsigned g_reconnect_delay_max_s = 2;
+
+const std::shared_ptr<logging::LogModule>& log_module() {
+    return detail::transport_log();
+}
+
+// Whether host:port accepts a TCP connection within the bound; the system's
+// reason when not. libmosquitto's first TLS connection on a refused socket
+// spins in the TLS library and never ends, so it is not started then.
+std::string tcp_refusal(const std::string& host, int port, std::chrono::milliseconds bound) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (const int rc = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+        rc != 0) {
+        return gai_strerror(rc);
+    }
+    std::unique_ptr<addrinfo, void (*)(addrinfo*)> addresses(found, &freeaddrinfo);
+    std::string reason = "no address";
+    for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+        const int fd =
+            socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+        if (fd < 0) {
+            reason = describe(MOSQ_ERR_ERRNO);
+            continue;
+        }
+        int error = 0;
+        if (::connect(fd, a->ai_addr, a->ai_addrlen) != 0) {
+            error = errno;
+            pollfd pfd{fd, POLLOUT, 0};
+            if (error == EINPROGRESS) {
+                error = poll(&pfd, 1, static_cast<int>(bound.count())) == 1 ? 0 : ETIMEDOUT;
+                socklen_t len = sizeof error;
+                if (error == 0) {
+                    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len);
+                }
+            }
+        }
+        close(fd);
+        if (error == 0) {
+            return {};
+        }
+        reason = describe(MOSQ_ERR_ERRNO, error);
+    }
+    return reason;
+}
+
+}  // namespace
+
+bool MqttClient::configure_session() {
+    int rc = mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
+    if (rc == MOSQ_ERR_SUCCESS && !m_settings.username.empty()) {
+        const std::string& password = m_settings.password;
+        rc = mosquitto_username_pw_set(m_mosq, m_settings.username.c_str(),
+                                       password.empty() ? nullptr : password.c_str());
+    }
+    if (rc == MOSQ_ERR_SUCCESS && !m_settings.tls_cafile.empty()) {
+        auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+        rc =
+            mosquitto_tls_set(m_mosq, m_settings.tls_cafile.c_str(), nullptr,
+                              file(m_settings.tls_certfile), file(m_settings.tls_keyfile), nullptr);
+    }
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = mosquitto_reconnect_delay_set(m_mosq, g_reconnect_delay_s, g_reconnect_delay_max_s,
+                                           false);
+    }
+    if (rc != MOSQ_ERR_SUCCESS) {
+        logging::ERROR << log_module() << "cannot set up the connection to broker " << where()
+                       << ": " << describe(rc);
+        return false;
+    }
+    return true;
+}
+
+bool MqttClient::connect() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_state != State::idle) {
+            logging::ERROR << log_module() << "connect() called more than once";
+            return false;
+        }
+        m_state = State::closed;  // until the loop runs
+    }
+    if (m_mosq == nullptr || !configure_session()) {
+        return false;
+    }
+    if (!m_settings.tls_cafile.empty()) {
+        if (const std::string refusal =
+                tcp_refusal(m_settings.host, m_settings.port, g_connack_timeout);
+            !refusal.empty()) {
+            logging::ERROR << log_module() << "cannot connect to broker " << where() << ": "
+                           << refusal;
+            return false;
+        }
+    }
+    int rc = mosquitto_connect_async(m_mosq, m_settings.host.c_str(), m_settings.port,
+                                     m_settings.keepalive);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        std::string reason = describe(rc);
+        {
+            // A handshake that failed at once has told its reason to the log.
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_connect_error.empty()) {
+                reason = failure_reason();
+            }
+        }
+        logging::ERROR << log_module() << "cannot connect to broker " << where() << ": " << reason;
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_state = State::running;
+        m_loop_running = true;
+    }
+    m_outbox.open();
+    rc = mosquitto_loop_start(m_mosq);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        logging::ERROR << log_module() << "cannot start the network thread: " << describe(rc);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_state = State::closed;
+        m_loop_running = false;
+        return false;
+    }
+
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cv.wait_for(lock, g_connack_timeout,
+                  [this] { return m_connack || m_early_disconnect || !m_connect_error.empty(); });
+    if (m_connack && *m_connack == 0) {
+        return true;
+    }
+    const std::string reason = failure_reason();
+    m_state = State::closed;
+    m_cv.notify_all();
+    lock.unlock();
+    logging::ERROR << log_module() << "cannot connect to broker " << where() << " as '"
+                   << m_settings.client_name << "': " << reason;
+    m_outbox.close(0ms);
+    shut_down_loop();
+    return false;
+}
+
+// Why the first connection failed, in the words of whoever knew: the broker's
+// CONNACK, the TLS library (through libmosquitto's log), or the socket.
+std::string MqttClient::failure_reason() {
+    if (m_connack) {
+        return "refused by the broker: " + describe_connack(*m_connack);
+    }
+    if (!m_connect_error.empty()) {
+        // The TLS library's words, through libmosquitto's log.
+        const bool eof = m_connect_error.find("unexpected eof") != std::string::npos ||
+                         m_connect_error.find("wrong version number") != std::string::npos;
+        const bool tls = m_connect_error.rfind("OpenSSL", 0) == 0;
+        return (tls ? "TLS handshake failed: " : "") + m_connect_error +
+               (eof ? " (is it a plain port?)" : "");
+    }
+    if (m_early_disconnect) {
+        return "the broker closed the connection before answering" +
+               std::string(m_settings.tls_cafile.empty() ? " (is it a TLS port?)" : "") + ": " +
+               describe(*m_early_disconnect);
+    }
+    return "no CONNACK within " + std::to_string(g_connack_timeout.count()) + " s";
+}
+
+void MqttClient::shut_down_loop() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_loop_running) {
+            return;
+        }
+    }
+    // The network thread ends once it sees the disconnecting state. A
+    // reconnection that was under way at that moment can overwrite the state,
+    // so the request is repeated until the thread has ended.
+    std::mutex nudge_mutex;
+    std::condition_variable nudge_cv;
+    bool joined = false;
+    mosquitto_disconnect(m_mosq);
+    std::thread nudger([&] {
+        std::unique_lock<std::mutex> lock(nudge_mutex);
+        while (!nudge_cv.wait_for(lock, 200ms, [&] { return joined; })) {
+            mosquitto_disconnect(m_mosq);
+        }
+    });
+    // A first connection that never succeeded may have left the thread
+    // spinning inside the TLS library, deaf to the request: cancel it.
+    bool connected_once = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        connected_once = m_ever_connected;
+    }
+    int rc = mosquitto_loop_stop(m_mosq, !connected_once);
+    {
+        std::lock_guard<std::mutex> lock(nudge_mutex);
+        joined = true;
+    }
+    nudge_cv.notify_all();
+    nudger.join();
+    if (rc != MOSQ_ERR_SUCCESS) {
+        logging::WARNING << log_module() << "stopping the network thread: " << describe(rc);
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_loop_running = false;
+    m_cv.notify_all();
+}
+
+}  // namespace ecu::kora::com

@@ -1,0 +1,156 @@
+#include "mqtt_settings.h"
+
+#include <mosquitto.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "logging.h"
+
+namespace ecu::kora::com {
+
+namespace {
+
+const std::shared_ptr<logging::LogModule>& log_module() {
+    static const auto module = logging::module("kora.com.transport");
+    return module;
+}
+
+// The longest string MQTT can carry (a two-byte length).
+constexpr std::size_t max_mqtt_string = 65535;
+
+void refuse(const std::string& key, const std::string& reason) {
+    logging::ERROR << log_module() << "transport setting '" << key << "' " << reason;
+}
+
+// A whole number within [low, high], written in decimal digits only (leading
+// zeros allowed: the value decides). Unset gives fallback.
+std::optional<long> number(const config::Configuration& config, const std::string& key,
+                           long fallback, long low, long high) {
+    const std::string& text = config.get(key);
+    if (text.empty()) {
+        return fallback;
+    }
+    long value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            value = -1;
+            break;
+        }
+        value = value * 10 + (c - '0');
+        if (value > high) {
+            break;
+        }
+    }
+    if (value < low || value > high) {
+        refuse(key, "is '" + text + "', not a number from " + std::to_string(low) + " to " +
+                        std::to_string(high));
+        return std::nullopt;
+    }
+    return value;
+}
+
+// A string the protocol can carry: valid UTF-8 without NUL, at most 65,535
+// bytes. The value itself is not logged: it may be a secret, or megabytes.
+bool mqtt_string(const std::string& key, const std::string& value) {
+    if (value.size() > max_mqtt_string) {
+        refuse(key, "is " + std::to_string(value.size()) + " bytes long; MQTT carries at most " +
+                        std::to_string(max_mqtt_string));
+        return false;
+    }
+    if (value.find('\0') != std::string::npos ||
+        mosquitto_validate_utf8(value.c_str(), static_cast<int>(value.size())) !=
+            MOSQ_ERR_SUCCESS) {
+        refuse(key, "is not valid UTF-8 text without NUL");
+        return false;
+    }
+    return true;
+}
+
+// A file the TLS library will be asked to read, as this process can.
+bool readable_file(const std::string& key, const std::string& path) {
+    struct stat st {};
+    std::string reason;
+    if (::stat(path.c_str(), &st) != 0) {
+        reason = std::strerror(errno);
+    } else if (!S_ISREG(st.st_mode)) {
+        reason = "not a regular file";
+    } else if (std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                                    &std::fclose);
+               !file) {
+        reason = std::strerror(errno);
+    }
+    if (!reason.empty()) {
+        refuse(key, "names '" + path + "', which cannot be read: " + reason);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& config) {
+    MqttSettings s;
+    s.host = config.get("host");
+    s.client_name = config.get("client_name");
+    s.username = config.get("username");
+    s.password = config.get("password");
+    s.tls_cafile = config.get("tls_cafile");
+    s.tls_certfile = config.get("tls_certfile");
+    s.tls_keyfile = config.get("tls_keyfile");
+
+    const auto port = number(config, "port", 0, 1, 65535);
+    // libmosquitto takes 0 (no keepalive) or at least 5 seconds.
+    const auto keepalive = number(config, "keepalive", 60, 0, 65535);
+    const auto max_pending = number(config, "max_pending", 4096, 1, INT_MAX);
+    const auto offline_queue = number(config, "offline_queue", 10000, 0, INT_MAX);
+    if (!port || !keepalive || !max_pending || !offline_queue) {
+        return std::nullopt;
+    }
+    if (*port == 0) {
+        refuse("port", "is not set");
+        return std::nullopt;
+    }
+    s.port = static_cast<int>(*port);
+    s.keepalive = *keepalive > 0 && *keepalive < 5 ? 5 : static_cast<int>(*keepalive);
+    s.max_pending = static_cast<std::size_t>(*max_pending);
+    s.offline_queue = static_cast<std::size_t>(*offline_queue);
+
+    if (s.host.empty()) {
+        refuse("host", "is not set");
+        return std::nullopt;
+    }
+    if (!mqtt_string("client_name", s.client_name) || !mqtt_string("username", s.username) ||
+        !mqtt_string("password", s.password)) {
+        return std::nullopt;
+    }
+    if (!s.password.empty() && s.username.empty()) {
+        refuse("password", "is set without 'username'");
+        return std::nullopt;
+    }
+    if (s.tls_certfile.empty() != s.tls_keyfile.empty()) {
+        refuse(s.tls_certfile.empty() ? "tls_keyfile" : "tls_certfile",
+               s.tls_certfile.empty() ? "is set without 'tls_certfile'"
+                                      : "is set without 'tls_keyfile'");
+        return std::nullopt;
+    }
+    if (!s.tls_certfile.empty() && s.tls_cafile.empty()) {
+        refuse("tls_certfile", "is set without 'tls_cafile': a client certificate needs TLS");
+        return std::nullopt;
+    }
+    for (const auto& [key, path] :
+         {std::pair<const char*, const std::string&>{"tls_cafile", s.tls_cafile},
+          {"tls_certfile", s.tls_certfile},
+          {"tls_keyfile", s.tls_keyfile}}) {
+        if (!path.empty() && !readable_file(key, path)) {
+            return std::nullopt;
+        }
+    }
+    return s;
+}
+
+}  // namespace ecu::kora::com

@@ -1,0 +1,37 @@
+#pragma once
+
+// The MQTT client's settings, read from the configuration once and checked
+// before any connection: a value that cannot work ends start-up with the key
+// named, rather than a connection that fails later for a reason nobody sees.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "configuration.h"
+
+namespace ecu::kora::com {
+
+struct MqttSettings {
+    std::string host;
+    int port = 0;
+    std::string client_name;
+    int keepalive = 60;
+    std::string username;
+    std::string password;
+    std::string tls_cafile;
+    std::string tls_certfile;
+    std::string tls_keyfile;
+    std::size_t max_pending = 4096;
+    std::size_t offline_queue = 10000;
+};
+
+// The settings; nothing (after one ERROR line naming the key and the reason)
+// when a set value cannot work: a number out of range or not a number, a TLS
+// file that cannot be read, a certificate without its key or the other way
+// round, a client certificate without a CA, a password without a user, a
+// client name or user the protocol cannot carry. Secret values are never
+// logged.
+std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& config);
+
+}  // namespace ecu::kora::com
