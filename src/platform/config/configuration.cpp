@@ -85,7 +85,8 @@ int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& 
 }
 
 bool is_port_number(const std::string& text) {
-    if (text.empty() || text.size() > 5) {
+    // The value decides, not the length: "0059281" is 59281.
+    if (text.empty()) {
         return false;
     }
     unsigned value = 0;
@@ -94,8 +95,11 @@ bool is_port_number(const std::string& text) {
             return false;
         }
         value = value * 10 + static_cast<unsigned>(c - '0');
+        if (value > 65535) {
+            return false;
+        }
     }
-    return value >= 1 && value <= 65535;
+    return value >= 1;
 }
 
 }  // namespace ecu::kora::config

@@ -43,7 +43,8 @@ private:
 // lines that were skipped as malformed.
 int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& input);
 
-// True when the text is a decimal number from 1 to 65535 and nothing else.
+// True when the text is decimal digits only, of a value from 1 to 65535
+// (leading zeros allowed).
 bool is_port_number(const std::string& text);
 
 }  // namespace ecu::kora::config

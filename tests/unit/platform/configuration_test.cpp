@@ -67,7 +67,7 @@ TEST(Configuration, VerifyRequiredKeysAndPort) {
     config->defaults()["queue_rx"] = "/dev/rx";
     EXPECT_TRUE(config->verify());
 
-    for (const char* bad : {"0", "65536", "80a", "-1", " 80", "999999", ""}) {
+    for (const char* bad : {"0", "65536", "80a", "-1", " 80", "999999", "00000000000065536", ""}) {
         config->values()["port"] = bad;
         if (*bad == '\0') {
             config->values().erase("port");
@@ -77,7 +77,7 @@ TEST(Configuration, VerifyRequiredKeysAndPort) {
         EXPECT_FALSE(config->verify()) << "port '" << bad << "'";
         EXPECT_FALSE(capture.find("port").empty()) << "port '" << bad << "'";
     }
-    for (const char* good : {"1", "1883", "65535"}) {
+    for (const char* good : {"1", "1883", "65535", "0059281", "01883"}) {
         config->values()["port"] = good;
         EXPECT_TRUE(config->verify()) << "port '" << good << "'";
     }
