@@ -1,0 +1,38 @@
+#pragma once
+
+// The platform's log lines as data, instead of the output mode, while a
+// LogCapture lives.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "wait.h"
+
+namespace ipcd_test {
+
+class LogCapture {
+public:
+    struct Line {
+        int severity;
+        std::string module;
+        std::string text;
+    };
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Line> lines() const;
+    // Lines whose text contains the fragment.
+    std::vector<Line> find(const std::string& fragment) const;
+    bool has(int severity, const std::string& text) const;  // exact text
+    bool wait_for(const std::string& fragment, std::chrono::milliseconds deadline = 10s) const;
+    void clear();
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Line> m_lines;
+};
+
+}  // namespace ipcd_test

@@ -1,0 +1,143 @@
+// The transport's outgoing side against a fake connection.
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "log_capture.h"
+#include "outbox.h"
+
+namespace ecu::kora::com {
+namespace {
+
+using namespace std::chrono_literals;
+using Sent = Outbox::Sent;
+
+// Records what is handed to it; answers with the next scripted result.
+class FakeLink : public Outbox::Link {
+public:
+    Sent send(const std::string& topic, const std::vector<std::uint8_t>& payload, int qos,
+              bool retained, int& mid, std::string& reason) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        mid = ++m_mid;
+        const Sent result = answer;
+        if (result == Sent::ok) {
+            sent.push_back(topic + "=" + std::string(payload.begin(), payload.end()) +
+                           (retained ? " retained" : "") + (qos > 0 ? " qos1" : ""));
+        }
+        reason = "scripted";
+        return result;
+    }
+    std::vector<std::string> take() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return std::exchange(sent, {});
+    }
+    std::atomic<Sent> answer{Sent::ok};
+    std::vector<std::string> sent;
+
+private:
+    std::mutex m_mutex;
+    int m_mid = 0;
+};
+
+Message msg(const std::string& text, bool retained = false, int qos = 0) {
+    Message m;
+    m.payload.assign(text.begin(), text.end());
+    m.retained = retained;
+    m.qos = static_cast<std::uint8_t>(qos);
+    return m;
+}
+
+using List = std::vector<std::string>;
+
+TEST(Outbox, KeepsOrderAcrossALossAndRestoresRetainedFirst) {
+    FakeLink link;
+    Outbox box(link, 100, 100);
+    EXPECT_EQ(box.publish("t", msg("early"), false), 0);  // not open yet
+    box.open();
+    EXPECT_EQ(box.publish("t", msg("offline"), false), 1);  // kept until connected
+    EXPECT_FALSE(box.connected().reconnection);
+    box.publish("status", msg("s1", true), false);
+    box.publish("status", msg("s2", true), false);  // only the newest is kept
+    box.publish("gone", msg("g", true), false);
+    box.publish("gone", msg("", true), false);  // an empty one clears the topic
+    EXPECT_EQ(link.take(), (List{"t=offline", "status=s1 retained", "status=s2 retained",
+                                 "gone=g retained", "gone= retained"}));
+
+    box.disconnected();
+    box.publish("t", msg("a"), false);
+    box.publish("t", msg("b"), false);
+    EXPECT_EQ(box.offline_queued(), 2U);
+    const Outbox::Resumed resumed = box.connected();
+    box.publish("t", msg("c"), false);
+    EXPECT_EQ(link.take(), (List{"status=s2 retained", "t=a", "t=b", "t=c"}));
+    EXPECT_TRUE(resumed.reconnection);
+    EXPECT_EQ(resumed.sent, 2U);
+    EXPECT_EQ(resumed.restored, 1U);
+    EXPECT_EQ(resumed.dropped, 0U);
+}
+
+TEST(Outbox, DropsTheOldestBeyondTheLimitAndCountsThem) {
+    ipcd_test::LogCapture log;
+    FakeLink link;
+    Outbox box(link, 100, 2);
+    box.open();
+    for (const char* text : {"1", "2", "3", "4", "5"}) {
+        EXPECT_EQ(box.publish("t", msg(text), false), 1);
+    }
+    EXPECT_EQ(log.find("dropping the oldest").size(), 1U);
+    EXPECT_EQ(box.connected().dropped, 3U);
+    EXPECT_EQ(link.take(), (List{"t=4", "t=5"}));
+    // No offline queue at all: nothing is kept.
+    Outbox none(link, 100, 0);
+    none.open();
+    EXPECT_EQ(none.publish("t", msg("x"), false), 0);
+}
+
+TEST(Outbox, HoldsPublishersAtTheBound) {
+    FakeLink link;
+    Outbox box(link, 2, 10);
+    box.open();
+    box.connected();
+    box.publish("t", msg("1"), false);
+    box.publish("t", msg("2", false, 1), false);  // QoS 1: mid 2
+    auto third = std::async(std::launch::async, [&] { return box.publish("t", msg("3"), false); });
+    EXPECT_EQ(third.wait_for(100ms), std::future_status::timeout);
+    // The connection's own thread never waits for itself.
+    EXPECT_EQ(box.publish("t", msg("own"), true), 1);
+    EXPECT_EQ(box.pending(), 3U);
+    box.written(2);  // the QoS 1 acknowledgement
+    box.written(1);
+    EXPECT_EQ(third.get(), 1);
+    EXPECT_EQ(box.pending_high_water(), 3U);
+    // A loss forgets QoS 0 messages on their way.
+    box.disconnected();
+    EXPECT_EQ(box.pending(), 0U);
+}
+
+TEST(Outbox, FailuresAndClose) {
+    ipcd_test::LogCapture log;
+    FakeLink link;
+    Outbox box(link, 100, 10);
+    box.open();
+    box.connected();
+    link.answer = Sent::failed;
+    EXPECT_EQ(box.publish("t", msg("x"), false), 0);
+    EXPECT_EQ(log.find("cannot publish on 't': scripted").size(), 1U);
+    EXPECT_EQ(box.pending(), 0U);
+    // The connection went away under the publish: kept for its return.
+    link.answer = Sent::no_connection;
+    EXPECT_EQ(box.publish("t", msg("y"), false), 1);
+    box.disconnected();
+    EXPECT_EQ(box.offline_queued(), 1U);
+
+    link.answer = Sent::ok;
+    box.connected();
+    box.publish("t", msg("z"), false);
+    const Outbox::Unsent unsent = box.close(10ms);  // nothing confirmed it
+    EXPECT_EQ(unsent.unconfirmed, 2U);
+    EXPECT_EQ(box.publish("t", msg("late"), false), 0);
+}
+
+}  // namespace
+}  // namespace ecu::kora::com
