@@ -1,7 +1,6 @@
 #include "broker.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,59 +11,42 @@ namespace ipcd_test {
 
 namespace {
 
-sockaddr_in loopback(int port) {
+// A TCP socket on 127.0.0.1:port, connected (or bound when port is 0).
+bool loopback(int port, int& bound_port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    return addr;
+    auto* a = reinterpret_cast<sockaddr*>(&addr);
+    socklen_t len = sizeof addr;
+    const bool ok = port == 0 ? bind(fd, a, len) == 0 && getsockname(fd, a, &len) == 0
+                              : connect(fd, a, len) == 0;
+    bound_port = ntohs(addr.sin_port);
+    close(fd);
+    return ok;
 }
 
 }  // namespace
 
 int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr = loopback(0);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
+    int port = 0;
+    if (!loopback(0, port)) {
         throw std::runtime_error("free_port: bind failed");
     }
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
+    return port;
 }
 
 bool port_accepts(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr = loopback(port);
-    const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    close(fd);
-    return ok;
+    return loopback(port, port);
 }
 
 Broker::Broker(std::string extra_config) : m_port(free_port()) {
     m_dir.write("mosquitto.conf",
-                "per_listener_settings true\n"
-                "persistence false\n"
-                "max_queued_messages 0\n"
-                "set_tcp_nodelay true\n"
-                "log_dest stderr\n"
-                "log_type error\n"
-                "listener " +
-                    std::to_string(m_port) +
-                    " 127.0.0.1\n"
-                    "allow_anonymous true\n" +
-                    extra_config);
+                "per_listener_settings true\npersistence false\nmax_queued_messages 0\n"
+                "set_tcp_nodelay true\nlog_dest stderr\nlog_type error\nlistener " +
+                    std::to_string(m_port) + " 127.0.0.1\nallow_anonymous true\n" + extra_config);
     start();
-}
-
-Broker::~Broker() {
-    stop();
-}
-
-pid_t Broker::pid() const {
-    return m_process ? m_process->pid() : -1;
 }
 
 void Broker::start() {
@@ -72,8 +54,7 @@ void Broker::start() {
         std::vector<std::string>{"/usr/sbin/mosquitto", "-c", m_dir.file("mosquitto.conf")});
     if (!wait_until([this] { return port_accepts(m_port) || !m_process->running(); }) ||
         !m_process->running()) {
-        throw std::runtime_error("mosquitto did not start on port " + std::to_string(m_port) +
-                                 ": " + m_process->err());
+        throw std::runtime_error("mosquitto did not start: " + m_process->err());
     }
 }
 
@@ -84,14 +65,6 @@ void Broker::stop(bool hard) {
         m_process->wait(10s);
     }
     m_process.reset();
-}
-
-void Broker::pause() {
-    m_process->signal(SIGSTOP);
-}
-
-void Broker::resume() {
-    m_process->signal(SIGCONT);
 }
 
 }  // namespace ipcd_test

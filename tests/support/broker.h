@@ -1,11 +1,6 @@
 #pragma once
 
-// A mosquitto of the test's own on 127.0.0.1 and a free port, never the
-// system's. QoS 0 queueing is unlimited (max_queued_messages 0), so that a
-// slow subscriber loses nothing, and TCP_NODELAY is on, as for ipcd.
-
-#include <sys/types.h>
-
+#include <csignal>
 #include <memory>
 #include <string>
 
@@ -14,31 +9,26 @@
 
 namespace ipcd_test {
 
-// A free TCP port on 127.0.0.1 (bound and released; a race is unlikely).
-int free_port();
-// Whether something accepts TCP connections on 127.0.0.1:port.
-bool port_accepts(int port);
+int free_port();              // on 127.0.0.1, bound and released
+bool port_accepts(int port);  // something accepts TCP connections there
 
+// A mosquitto of the test's own on 127.0.0.1 and a free port, never the
+// system's: nothing persisted, QoS 0 queueing unlimited (a slow subscriber
+// loses nothing), TCP_NODELAY as for ipcd.
 class Broker {
 public:
     // extra_config: mosquitto.conf lines after the plain anonymous listener,
-    // e.g. further listeners with TLS and a password file (each listener's
-    // settings are its own).
+    // e.g. TLS listeners with their own settings (TlsFiles::listener).
     explicit Broker(std::string extra_config = {});
-    ~Broker();
+    ~Broker() { stop(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
-
     int port() const { return m_port; }
-    pid_t pid() const;
-    const TempDir& dir() const { return m_dir; }
-    // Stops it (SIGTERM, or SIGKILL when hard) and waits for the exit.
-    void stop(bool hard = false);
-    // Starts it again on the same ports and waits until it accepts connections.
-    void start();
-    // SIGSTOP / SIGCONT: connections stay open, nothing is answered.
-    void pause();
-    void resume();
+    pid_t pid() const { return m_process ? m_process->pid() : -1; }
+    void stop(bool hard = false);  // SIGTERM, or SIGKILL when hard; waits for the end
+    void start();                  // again, on the same ports
+    void pause() { m_process->signal(SIGSTOP); }  // connections stay, nothing is answered
+    void resume() { m_process->signal(SIGCONT); }
 
 private:
     TempDir m_dir;

@@ -2,36 +2,44 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
-#include "tally.h"
+#include "frames.h"
 
 namespace ipcd_test {
 
-std::string ipcd_binary() {
-    return IPCD_BINARY;
+NotifySocket::NotifySocket(const std::string& path)
+    : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
 }
-std::string sim_binary() {
-    return IPCD_SIM_BINARY;
+
+NotifySocket::~NotifySocket() {
+    close(m_fd);
 }
-std::string ctl_binary() {
-    return IPCD_CTL_BINARY;
-}
-std::string sample_catalogue() {
-    return IPCD_SAMPLE_CATALOGUE;
+
+std::size_t NotifySocket::count(const std::string& text) const {
+    char buf[512];
+    for (ssize_t n; (n = recv(m_fd, buf, sizeof buf, 0)) > 0;) {
+        m_messages.emplace_back(buf, static_cast<std::size_t>(n));
+    }
+    return static_cast<std::size_t>(std::count(m_messages.begin(), m_messages.end(), text));
 }
 
 Daemon::Daemon(int port, std::string catalogue)
     : m_port(port), m_catalogue(std::move(catalogue)), m_notify(m_dir.file("notify")) {
-    m_rx = m_dir.fifo("rx");
-    m_tx = m_dir.fifo("tx");
-    m_tx_fd = open(m_tx.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    // Room for bursts: a reader descheduled for a while must not look like a
-    // lost TX port.
-    fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);
+    m_dir.fifo("rx");
+    m_tx_fd = open(m_dir.fifo("tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);  // a slow reader must not look like a lost port
 }
 
 Daemon::~Daemon() {
@@ -47,53 +55,40 @@ void Daemon::start(std::vector<std::string> extra, std::vector<std::string> env,
         argv.push_back(w);
     }
     argv.insert(argv.end(), {ipcd_binary(), "-L", "-H", "127.0.0.1", "-p", std::to_string(m_port),
-                             "-r", m_rx, "-t", m_tx});
+                             "-r", m_dir.file("rx"), "-t", m_dir.file("tx")});
     argv.insert(argv.end(), extra.begin(), extra.end());
     env.push_back("KIRN_RT_CATALOGUE=" + m_catalogue);
-    env.push_back("NOTIFY_SOCKET=" + m_notify.path());
-    m_process = std::make_unique<Process>(argv, Process::Options{env});
+    env.push_back("NOTIFY_SOCKET=" + m_dir.file("notify"));
+    m_process = std::make_unique<Process>(argv, ProcessOptions{env});
 }
 
 void Daemon::start_ready(std::vector<std::string> extra, std::vector<std::string> env,
                          const std::string& wrapper) {
     start(std::move(extra), std::move(env), wrapper);
-    if (!m_notify.wait_for("READY=1", 60s)) {
-        throw std::runtime_error("ipcd not ready: " + m_process->out());
-    }
-    open_rx();
-}
-
-void Daemon::open_rx() {
-    if (!wait_until([this] {
-            m_rx_fd = open(m_rx.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (!m_notify.wait_for("READY=1", 60s) || !wait_until([this] {
+            m_rx_fd = open(m_dir.file("rx").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
             return m_rx_fd >= 0;
         })) {
-        throw std::runtime_error("ipcd did not open RX: " + m_process->out());
+        throw std::runtime_error("ipcd not ready: " + m_process->out());
     }
     fcntl(m_rx_fd, F_SETFL, 0);
     fcntl(m_rx_fd, F_SETPIPE_SZ, 1 << 20);
 }
 
 void Daemon::write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
-                          std::uint64_t timestamp, std::uint8_t tag) {
-    ecu::kora::ipc::IpcSignal signal;
-    signal.id = id;
-    signal.tag = tag;
-    signal.timestamp = timestamp;
-    signal.data = data;
+                          std::uint64_t timestamp) {
     std::vector<std::uint8_t> bytes;
-    ecu::kora::ipc::encode_record(signal, bytes);
+    ecu::kora::ipc::encode_record({id, 0, timestamp, data}, bytes);
     write_raw(bytes);
 }
 
-void Daemon::write_raw(const std::uint8_t* bytes, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(m_rx_fd, bytes, size);
+void Daemon::write_raw(const std::vector<std::uint8_t>& bytes) {
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(m_rx_fd, bytes.data() + done, bytes.size() - done);
         if (n <= 0) {
             throw std::runtime_error("cannot write into the RX FIFO");
         }
-        bytes += n;
-        size -= static_cast<std::size_t>(n);
+        done += static_cast<std::size_t>(n);
     }
 }
 
@@ -139,32 +134,24 @@ std::vector<ecu::kora::ipc::IpcSignal> Daemon::tx_records(std::size_t count,
     return m_tx_out;
 }
 
-RecordStream::RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second,
-                           std::uint64_t limit)
-    : m_thread([this, &daemon, id, per_second, limit] {
+RecordStream::RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second)
+    : m_thread([this, &daemon, id, per_second] {
           const auto start = std::chrono::steady_clock::now();
-          std::uint64_t seq = 0;
           try {
-              while (!m_stop && seq < limit) {
-                  const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(
+              for (std::uint64_t seq = 0; !m_stop;) {
+                  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
                       std::chrono::steady_clock::now() - start);
-                  const auto due =
-                      static_cast<std::uint64_t>(elapsed.count()) * per_second / 1000000U;
-                  while (seq < due && seq < limit && !m_stop) {
-                      daemon.write_record(id, seq_payload(seq, mono_ns()), seq);
+                  for (; seq < static_cast<std::uint64_t>(us.count()) * per_second / 1000000 &&
+                         !m_stop;) {
+                      daemon.write_record(id, seq_payload(seq), seq);
                       m_written = ++seq;
                   }
-                  // Pacing only: the next batch is due in a millisecond.
-                  std::this_thread::sleep_for(1ms);
+                  std::this_thread::sleep_for(1ms);  // pacing only
               }
           } catch (const std::exception&) {
               // ipcd closed RX: the stream ends with it.
           }
       }) {}
-
-RecordStream::~RecordStream() {
-    stop();
-}
 
 std::uint64_t RecordStream::stop() {
     m_stop = true;

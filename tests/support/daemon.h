@@ -1,75 +1,82 @@
 #pragma once
 
-// The real ipcd with its ports: two FIFOs of its own, a catalogue, and a
-// service-manager notification socket. The TX FIFO is open for reading before
-// ipcd starts (ipcd opens TX first and needs its reader); the RX FIFO is
-// opened for writing once ipcd has opened it.
-
-#include <sys/types.h>
-
 #include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ipc_signal.h"
-#include "notify_socket.h"
 #include "process.h"
 #include "record_format.h"
 #include "temp_dir.h"
 
 namespace ipcd_test {
 
-std::string ipcd_binary();
-std::string sim_binary();
-std::string ctl_binary();
-std::string sample_catalogue();
+inline std::string ipcd_binary() {
+    return IPCD_BINARY;
+}
+inline std::string sim_binary() {
+    return IPCD_SIM_BINARY;
+}
+inline std::string ctl_binary() {
+    return IPCD_CTL_BINARY;
+}
+inline std::string sample_catalogue() {
+    return IPCD_SAMPLE_CATALOGUE;
+}
 
+// What sd_notify sends to NOTIFY_SOCKET, as the service manager receives it.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path);
+    ~NotifySocket();
+    NotifySocket(const NotifySocket&) = delete;
+    NotifySocket& operator=(const NotifySocket&) = delete;
+    std::size_t count(const std::string& text) const;  // of the messages so far
+    bool wait_for(const std::string& text, std::chrono::milliseconds deadline = 10s) const {
+        return wait_until([&] { return count(text) > 0; }, deadline);
+    }
+
+private:
+    int m_fd;
+    mutable std::vector<std::string> m_messages;
+};
+
+// The real ipcd with its ports: two FIFOs of its own, a catalogue and a
+// notification socket. TX is open for reading before ipcd starts (it opens TX
+// first and needs its reader); RX is opened for writing once ipcd has it.
 class Daemon {
 public:
     explicit Daemon(int port, std::string catalogue = sample_catalogue());
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
-
-    // ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX, then the extra arguments. A
-    // wrapper (e.g. "valgrind --tool=callgrind") goes in front.
+    // ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX, then extra; a wrapper (e.g.
+    // "valgrind --tool=callgrind") goes in front.
     void start(std::vector<std::string> extra = {}, std::vector<std::string> env = {},
                const std::string& wrapper = {});
     // Starts, waits for READY=1 and opens RX for writing.
     void start_ready(std::vector<std::string> extra = {}, std::vector<std::string> env = {},
                      const std::string& wrapper = {});
-    void open_rx();
     void write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
-                      std::uint64_t timestamp = 1, std::uint8_t tag = 0);
-    void write_raw(const std::uint8_t* bytes, std::size_t size);
-    void write_raw(const std::vector<std::uint8_t>& bytes) {
-        write_raw(bytes.data(), bytes.size());
-    }
+                      std::uint64_t timestamp = 1);
+    void write_raw(const std::vector<std::uint8_t>& bytes);
     void close_rx();
     void close_tx();
-    // Closes RX (ipcd then ends in order) and waits for the exit status.
-    std::optional<int> stop();
-
-    // Waits until count records have come out of TX; all of them so far.
+    std::optional<int> stop();  // closes RX, so ipcd ends in order; its status
+    // Waits until count records came out of TX; all so far.
     std::vector<ecu::kora::ipc::IpcSignal> tx_records(std::size_t count,
                                                       std::chrono::milliseconds deadline = 10s);
-
     pid_t pid() const { return m_process->pid(); }
     Process& process() { return *m_process; }
     const NotifySocket& notify() const { return m_notify; }
     TempDir& dir() { return m_dir; }
-    const std::string& rx_path() const { return m_rx; }
-    const std::string& tx_path() const { return m_tx; }
 
 private:
     TempDir m_dir;
     int m_port;
     std::string m_catalogue;
     NotifySocket m_notify;
-    std::string m_rx;
-    std::string m_tx;
     int m_rx_fd = -1;
     int m_tx_fd = -1;
     ecu::kora::ipc::RecordDecoder m_tx_decoder;
@@ -77,19 +84,13 @@ private:
     std::unique_ptr<Process> m_process;
 };
 
-// Writes records numbered 0, 1, 2, ... (seq_payload) of one RT id into the RX
-// FIFO at a fixed rate from a thread of its own, until stopped, the limit is
-// reached, or ipcd has closed RX.
+// Writes numbered records (seq_payload) of one RT id into RX at a fixed rate
+// from a thread of its own, until stopped or ipcd has closed RX.
 class RecordStream {
 public:
-    RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second,
-                 std::uint64_t limit = UINT64_MAX);
-    ~RecordStream();
-    RecordStream(const RecordStream&) = delete;
-    RecordStream& operator=(const RecordStream&) = delete;
-
-    // Stops writing; how many records were written.
-    std::uint64_t stop();
+    RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second);
+    ~RecordStream() { stop(); }
+    std::uint64_t stop();  // how many were written
     std::uint64_t written() const { return m_written; }
 
 private:
@@ -98,7 +99,6 @@ private:
     std::thread m_thread;
 };
 
-// ipcd-ctl against the broker on 127.0.0.1:port with the sample catalogue.
-Outcome ctl(int port, std::vector<std::string> args);
+Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl with the sample catalogue
 
 }  // namespace ipcd_test

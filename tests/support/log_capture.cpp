@@ -22,9 +22,8 @@ std::vector<LogCapture::Line> LogCapture::lines() const {
 }
 
 std::vector<LogCapture::Line> LogCapture::find(const std::string& fragment) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<Line> found;
-    for (const auto& l : m_lines) {
+    for (const auto& l : lines()) {
         if (l.text.find(fragment) != std::string::npos) {
             found.push_back(l);
         }
@@ -33,8 +32,7 @@ std::vector<LogCapture::Line> LogCapture::find(const std::string& fragment) cons
 }
 
 bool LogCapture::has(int severity, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto& l : m_lines) {
+    for (const auto& l : lines()) {
         if (l.severity == severity && l.text == text) {
             return true;
         }

@@ -1,8 +1,5 @@
 #pragma once
 
-// The platform's log lines as data, instead of the output mode, while a
-// LogCapture lives.
-
 #include <mutex>
 #include <string>
 #include <vector>
@@ -11,6 +8,7 @@
 
 namespace ipcd_test {
 
+// The platform's log lines as data, instead of the output mode, while it lives.
 class LogCapture {
 public:
     struct Line {
@@ -22,11 +20,9 @@ public:
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
-
     std::vector<Line> lines() const;
-    // Lines whose text contains the fragment.
-    std::vector<Line> find(const std::string& fragment) const;
-    bool has(int severity, const std::string& text) const;  // exact text
+    std::vector<Line> find(const std::string& fragment) const;  // lines that contain it
+    bool has(int severity, const std::string& text) const;      // the exact text
     bool wait_for(const std::string& fragment, std::chrono::milliseconds deadline = 10s) const;
     void clear();
 

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,23 +23,20 @@ TempDir::~TempDir() {
 }
 
 std::string TempDir::write(const std::string& name, const std::string& content) const {
-    const std::string p = file(name);
-    std::ofstream(p, std::ios::binary) << content;
-    return p;
+    std::ofstream(file(name), std::ios::binary) << content;
+    return file(name);
 }
 
 std::string TempDir::fifo(const std::string& name) const {
-    const std::string p = file(name);
-    if (mkfifo(p.c_str(), 0600) != 0) {
-        throw std::runtime_error("mkfifo failed: " + p);
+    if (mkfifo(file(name).c_str(), 0600) != 0) {
+        throw std::runtime_error("mkfifo failed: " + file(name));
     }
-    return p;
+    return file(name);
 }
 
 std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 

@@ -1,30 +1,25 @@
 #pragma once
 
-// A directory of the test's own, removed with its content at destruction.
-
 #include <string>
 
 namespace ipcd_test {
 
+// A directory of the test's own, removed with its content at destruction.
 class TempDir {
 public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + "/" + name; }
-    // Writes content to name and returns its path.
-    std::string write(const std::string& name, const std::string& content) const;
-    // Creates a FIFO and returns its path.
-    std::string fifo(const std::string& name) const;
+    std::string write(const std::string& name, const std::string& content) const;  // its path
+    std::string fifo(const std::string& name) const;                               // its path
 
 private:
     std::string m_path;
 };
 
-// A whole file; empty when missing.
-std::string read_file(const std::string& path);
+std::string read_file(const std::string& path);  // empty when missing
 
 }  // namespace ipcd_test

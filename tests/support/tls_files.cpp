@@ -19,72 +19,46 @@ void must(const std::vector<std::string>& argv) {
 }  // namespace
 
 TlsFiles::TlsFiles() {
-    const std::string openssl = "/usr/bin/openssl";
-    // EC keys: quick to make, and as good for a test as for a car.
-    auto key = [&](const std::string& name) {
-        must({openssl, "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out",
-              m_dir.file(name + ".key")});
+    auto file = [this](const std::string& name) { return m_dir.file(name); };
+    auto key = [&](const std::string& name) {  // EC: quick to make
+        must({"/usr/bin/openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
+              "ec_paramgen_curve:P-256", "-out", file(name + ".key")});
     };
-    auto ca = [&](const std::string& name) {
+    for (const char* name : {"ca", "other-ca"}) {
         key(name);
-        must({openssl, "req", "-x509", "-new", "-key", m_dir.file(name + ".key"), "-days", "2",
-              "-subj", "/CN=" + name, "-out", m_dir.file(name + ".crt")});
-    };
-    auto signed_cert = [&](const std::string& name, const std::string& cn, const std::string& san) {
+        must({"/usr/bin/openssl", "req", "-x509", "-new", "-key", file(std::string(name) + ".key"),
+              "-days", "2", "-subj", std::string("/CN=") + name, "-out",
+              file(std::string(name) + ".crt")});
+    }
+    for (const auto& [name, san] :
+         {std::pair<std::string, std::string>{"server", "IP:127.0.0.1,DNS:localhost"},
+          {"wrong-name", "DNS:broker.invalid"},
+          {"client", "DNS:ipcd"}}) {
         key(name);
-        must({openssl, "req", "-new", "-key", m_dir.file(name + ".key"), "-subj", "/CN=" + cn,
-              "-out", m_dir.file(name + ".csr")});
-        std::vector<std::string> argv{openssl,
-                                      "x509",
-                                      "-req",
-                                      "-in",
-                                      m_dir.file(name + ".csr"),
-                                      "-CA",
-                                      m_dir.file("ca.crt"),
-                                      "-CAkey",
-                                      m_dir.file("ca.key"),
-                                      "-CAcreateserial",
-                                      "-days",
-                                      "2",
-                                      "-out",
-                                      m_dir.file(name + ".crt")};
-        if (!san.empty()) {
-            argv.insert(argv.end(),
-                        {"-extfile", m_dir.write(name + ".ext", "subjectAltName=" + san + "\n")});
-        }
-        must(argv);
-    };
-    ca("ca");
-    ca("other-ca");
-    signed_cert("server", "localhost", "IP:127.0.0.1,DNS:localhost");
-    signed_cert("wrong-name", "broker.invalid", "DNS:broker.invalid");
-    signed_cert("client", user, "");
-    m_dir.write("passwords", "");
-    must({"/usr/bin/mosquitto_passwd", "-b", m_dir.file("passwords"), user, password});
+        must({"/usr/bin/openssl", "req", "-new", "-key", file(name + ".key"), "-subj",
+              "/CN=" + (name == "client" ? std::string("ipcd") : name), "-out",
+              file(name + ".csr")});
+        must({"/usr/bin/openssl", "x509", "-req", "-in", file(name + ".csr"), "-CA", file("ca.crt"),
+              "-CAkey", file("ca.key"), "-CAcreateserial", "-days", "2", "-out",
+              file(name + ".crt"), "-extfile",
+              m_dir.write(name + ".ext", "subjectAltName=" + san + "\n")});
+    }
+    must({"/usr/bin/mosquitto_passwd", "-c", "-b", file("passwords"), "ipcd", "Hunter2"});
     // mosquitto started as root reads them as its own user.
-    std::filesystem::permissions(
-        m_dir.path(), std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
-                          std::filesystem::perms::group_exec | std::filesystem::perms::others_read |
-                          std::filesystem::perms::others_exec);
-    for (const auto& entry : std::filesystem::directory_iterator(m_dir.path())) {
-        std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_read |
-                                                       std::filesystem::perms::owner_write |
-                                                       std::filesystem::perms::group_read |
-                                                       std::filesystem::perms::others_read);
+    namespace fs = std::filesystem;
+    fs::permissions(m_dir.path(), fs::perms::others_read | fs::perms::others_exec,
+                    fs::perm_options::add);
+    for (const auto& entry : fs::directory_iterator(m_dir.path())) {
+        fs::permissions(entry.path(), fs::perms::others_read, fs::perm_options::add);
     }
 }
 
 std::string TlsFiles::listener(int port, bool login, bool wrong_name) const {
-    const std::string server = wrong_name ? "wrong-name" : "server";
-    std::string lines = "listener " + std::to_string(port) + " 127.0.0.1\n" + "cafile " + ca() +
-                        "\n" + "certfile " + m_dir.file(server + ".crt") + "\n" + "keyfile " +
-                        m_dir.file(server + ".key") + "\n";
-    if (login) {
-        lines += "allow_anonymous false\npassword_file " + m_dir.file("passwords") + "\n";
-    } else {
-        lines += "require_certificate true\nuse_identity_as_username true\n";
-    }
-    return lines;
+    const std::string server = m_dir.file(wrong_name ? "wrong-name" : "server");
+    return "listener " + std::to_string(port) + " 127.0.0.1\ncafile " + ca() + "\ncertfile " +
+           server + ".crt\nkeyfile " + server + ".key\n" +
+           (login ? "allow_anonymous false\npassword_file " + m_dir.file("passwords") + "\n"
+                  : "require_certificate true\nuse_identity_as_username true\n");
 }
 
 }  // namespace ipcd_test

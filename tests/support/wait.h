@@ -1,15 +1,24 @@
 #pragma once
 
-// Waiting on a condition, with a deadline that only fails a hung test.
-
 #include <chrono>
 #include <functional>
+#include <thread>
 
 namespace ipcd_test {
 
 using namespace std::chrono_literals;
 
-// Polls cond every few milliseconds until it holds or the deadline passes.
-bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds deadline = 10s);
+// Polls cond until it holds or the deadline (which only fails a hung test) passes.
+inline bool wait_until(const std::function<bool()>& cond,
+                       std::chrono::milliseconds deadline = 10s) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
 
 }  // namespace ipcd_test

@@ -9,18 +9,15 @@ namespace ecu::kora::ipc {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+using Ids = std::vector<std::uint32_t>;
 
-IpcSignal make(std::uint32_t id, std::size_t size, std::uint64_t timestamp = 7) {
-    Bytes data(size);
-    for (std::size_t i = 0; i < size; ++i) {
-        data[i] = static_cast<std::uint8_t>(i * 7 + id);
-    }
-    return {id, static_cast<std::uint8_t>(id + 100), timestamp, data};
-}
-
-Bytes encoded(const IpcSignal& s) {
+Bytes encoded(std::uint32_t id, std::size_t size, std::uint32_t declared_length = UINT32_MAX) {
     Bytes out;
-    EXPECT_TRUE(encode_record(s, out));
+    EXPECT_TRUE(encode_record(
+        {id, static_cast<std::uint8_t>(id + 100), 0x1122334455667788ULL, Bytes(size, 7)}, out));
+    for (std::size_t i = 0; declared_length != UINT32_MAX && i < 4; ++i) {
+        out[16 + i] = static_cast<std::uint8_t>(declared_length >> (8 * i));
+    }
     return out;
 }
 
@@ -32,108 +29,77 @@ Bytes concat(std::initializer_list<Bytes> parts) {
     return all;
 }
 
-// Everything the decoder gives for the stream fed in pieces of the given
-// sizes (the last repeats), then ended; the bytes it skipped.
-std::pair<std::vector<IpcSignal>, std::size_t> decode(const Bytes& stream,
-                                                      std::vector<std::size_t> pieces) {
+// The ids the decoder gives for the stream fed in pieces of a size, then
+// ended, and the bytes it skipped.
+std::pair<Ids, std::size_t> decode(const Bytes& stream, std::size_t piece) {
     RecordDecoder d;
-    std::vector<IpcSignal> got;
+    Ids ids;
     std::size_t skipped = 0;
-    auto take = [&] {
+    for (std::size_t at = 0;; at += piece) {
+        if (at < stream.size()) {
+            d.feed(stream.data() + at, std::min(piece, stream.size() - at));
+        } else {
+            d.finish();
+        }
         for (IpcSignal s; d.next(s);) {
-            got.push_back(s);
+            ids.push_back(s.id);
         }
         skipped += d.take_skipped();
-    };
-    for (std::size_t at = 0, i = 0; at < stream.size(); ++i) {
-        const std::size_t n = std::min(pieces[std::min(i, pieces.size() - 1)], stream.size() - at);
-        d.feed(stream.data() + at, n);
-        at += n;
-        take();
+        if (at >= stream.size()) {
+            break;
+        }
     }
-    d.finish();
-    take();
     EXPECT_EQ(d.pending(), 0U);
-    return {got, skipped};
-}
-
-std::vector<std::uint32_t> ids(const std::vector<IpcSignal>& records) {
-    std::vector<std::uint32_t> out;
-    for (const auto& r : records) {
-        out.push_back(r.id);
-    }
-    return out;
+    return {ids, skipped};
 }
 
 TEST(RecordFormat, EncodesTheHeaderAndLimitsThePayload) {
-    const Bytes record = encoded(make(0x01020304, 3, 0x1122334455667788ULL));
-    const Bytes header(record.begin(), record.begin() + 24);
-    EXPECT_EQ(header, (Bytes{'Q',  'P',  'R',  '1',  4, 3, 2, 1, 0x88, 0x77, 0x66, 0x55,
-                             0x44, 0x33, 0x22, 0x11, 3, 0, 0, 0, 0x68, 0,    0,    0}));
+    const Bytes record = encoded(0x01020304, 3);
+    EXPECT_EQ(Bytes(record.begin(), record.begin() + 24),
+              (Bytes{'Q',  'P',  'R',  '1',  4, 3, 2, 1, 0x88, 0x77, 0x66, 0x55,
+                     0x44, 0x33, 0x22, 0x11, 3, 0, 0, 0, 0x68, 0,    0,    0}));
     Bytes out;
-    EXPECT_TRUE(encode_record(make(1, record_max_payload), out));
-    EXPECT_FALSE(encode_record(make(1, record_max_payload + 1), out));
+    EXPECT_TRUE(encode_record({1, 0, 0, Bytes(record_max_payload)}, out));
+    EXPECT_FALSE(encode_record({1, 0, 0, Bytes(record_max_payload + 1)}, out));
 }
 
-TEST(RecordFormat, SplitsAStreamAtEveryPoint) {
-    const IpcSignal a = make(1, 5);
-    const IpcSignal b = make(2, 0, 200);
-    const Bytes stream = concat({encoded(a), encoded(b)});
-    for (std::size_t cut = 1; cut <= stream.size(); ++cut) {
-        const auto [got, skipped] = decode(stream, {cut, stream.size()});
-        ASSERT_EQ(got.size(), 2U) << "cut at " << cut;
-        EXPECT_EQ(encoded(got[0]), encoded(a));
-        EXPECT_EQ(encoded(got[1]), encoded(b));
-        EXPECT_EQ(skipped, 0U);
+TEST(RecordFormat, SplitsAnUndamagedStreamAtEveryPoint) {
+    const Bytes stream = concat({encoded(1, 5), encoded(2, 0), encoded(3, 300)});
+    for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
+        EXPECT_EQ(decode(stream, piece), std::make_pair(Ids{1, 2, 3}, std::size_t{0})) << piece;
     }
 }
 
-// Damage is skipped to the next magic and nothing after it is lost; a record
-// whose declared end is not followed by a record's start is damaged too.
+// Damage is skipped to the next magic, the damaged record with it, and
+// nothing after it is lost. A wrong end is seen once the bytes after it have
+// arrived (a record is not held back for them): no piece ends there.
 TEST(RecordFormat, SkipsDamageAndKeepsWhatFollows) {
-    const IpcSignal a = make(1, 5);
-    const IpcSignal b = make(2, 30);
-    auto with_length = [](Bytes bytes, std::uint32_t length) {
-        for (std::size_t i = 0; i < 4; ++i) {
-            bytes[16 + i] = static_cast<std::uint8_t>(length >> (8 * i));
-        }
-        return bytes;
-    };
-    const Bytes wrong = encoded(make(9, 20));
-    const Bytes garbage{'x', 'Q', 'Z', 'Q', 'P', 'R', '0', 'y'};
+    const Bytes wrong = encoded(9, 20);
     const std::pair<const char*, Bytes> cases[] = {
-        {"garbage with a lone Q and a partial magic", garbage},
-        {"length over the limit", with_length(wrong, record_max_payload + 1)},
-        {"length too long, reaching into the next record", with_length(wrong, 30)},
-        {"length too short", with_length(wrong, 2)},
+        {"garbage with a lone Q and a partial magic", {'x', 'Q', 'Z', 'Q', 'P', 'R', '0', 'y'}},
+        {"length over the limit", encoded(9, 20, record_max_payload + 1)},
+        {"length too long, reaching into the next record", encoded(9, 20, 30)},
+        {"length too short", encoded(9, 20, 2)},
         {"a cut record", Bytes(wrong.begin(), wrong.begin() + 30)},
     };
-    // A wrong end is seen when the bytes after it have arrived: a record is not
-    // held back to wait for them, so no piece may end exactly there.
     for (const auto& [what, damage] : cases) {
-        for (std::size_t piece : {std::size_t{7}, std::size_t{4096}}) {
-            const auto [got, skipped] = decode(concat({damage, encoded(a), encoded(b)}), {piece});
-            EXPECT_EQ(ids(got), (std::vector<std::uint32_t>{1, 2}))
+        for (std::size_t piece : {7, 4096}) {
+            EXPECT_EQ(decode(concat({damage, encoded(1, 5), encoded(2, 30)}), piece),
+                      std::make_pair(Ids{1, 2}, damage.size()))
                 << what << ", pieces of " << piece;
-            EXPECT_EQ(skipped, damage.size()) << what;
         }
     }
-    // Stray bytes right behind a record make it damaged too.
-    EXPECT_EQ(ids(decode(concat({encoded(a), garbage, encoded(b)}), {4096}).first),
-              std::vector<std::uint32_t>{2});
+    EXPECT_EQ(decode(concat({encoded(1, 5), {'x', 'Q'}, encoded(2, 3)}), 4096).first,
+              Ids{2});  // stray bytes behind
     // A length past the end of the stream: the records it covered come out.
-    const auto [got, skipped] =
-        decode(concat({encoded(a), with_length(wrong, 600), encoded(b), encoded(a)}), {4096});
-    EXPECT_EQ(ids(got), (std::vector<std::uint32_t>{1, 2, 1}));
-    EXPECT_EQ(skipped, wrong.size());
-    // A partial magic at the end may still become a record until the end.
-    RecordDecoder d;
-    const Bytes qp{'Q', 'P'};
-    d.feed(qp.data(), qp.size());
+    EXPECT_EQ(
+        decode(concat({encoded(1, 5), encoded(9, 20, 600), encoded(2, 3), encoded(3, 3)}), 4096),
+        std::make_pair(Ids{1, 2, 3}, wrong.size()));
+    RecordDecoder d;  // a partial magic may still become a record, until the end
+    d.feed(reinterpret_cast<const std::uint8_t*>("QP"), 2);
     IpcSignal s;
     EXPECT_FALSE(d.next(s));
     EXPECT_EQ(d.pending(), 2U);
-    EXPECT_EQ(d.take_skipped(), 0U);
 }
 
 }  // namespace
