@@ -19,9 +19,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <cstdlib>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -102,12 +100,6 @@ public:
     bool m_target_reached = false;
     bool m_log_queue_size = false;
     std::unordered_map<std::string, rt::SignalGroup> m_tx_groups;
-    // Runs the command that stops the vehicle's service stack when TX is lost:
-    // the C library's system(). Tests of the bridge put a recorder here, so
-    // that they start no process.
-    std::function<int(const char* command)> m_run_command = [](const char* command) {
-        return std::system(command);
-    };
 
 private:
     // The reader thread's frame of the record being relayed, reused for every

@@ -4,57 +4,40 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "broker.h"
-#include "daemon.h"
 #include "frames.h"
-#include "mqtt_peer.h"
-#include "tls_files.h"
+#include "harness.h"
 
 using namespace ipcd_test;
 using Json = nlohmann::json;
 
 namespace {
 
-using namespace std::chrono_literals;
-
 const std::string g_gear = "rt/vehicle/gear";  // RT id 21, not retained
-
-// Requests the gear topic and releases the earlybird queue: its records are
-// then published as they come.
-void release(Daemon& daemon, int port) {
-    MqttPeer control(port);
-    control.publish("subscription/announcement", announcement({"rt/vehicle/gear"}), 1);
-    control.publish("system/tpa/status", tpa(false, false), 1);
-    ASSERT_TRUE(daemon.process().wait_out("Earlybird message processing done."));
-}
 
 TEST(Daemon, RelaysBothWaysThroughTheTools) {
     Broker broker;
     TempDir dir;
-    const std::string port = std::to_string(broker.port());
-    auto ctl_watch = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), {ctl_binary(), "-H", "127.0.0.1", "-p", port, "--catalogue",
-                                   sample_catalogue(), "watch"});
+    auto watch = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(broker.port()),
+                                   "--catalogue", g_sample_catalogue, "watch"});
         auto p = std::make_unique<Process>(args);
-        EXPECT_TRUE(p->wait_err("watching"));
+        EXPECT_TRUE(wait_until([&] { return p->err().find("watching") != std::string::npos; }));
         return p;
     };
-    auto watcher = ctl_watch({"--json", "--count", "4", "rt/vehicle/#"});
-    Process sim(
-        {sim_binary(), "--rx", dir.file("rx"), "--tx", dir.file("tx"), "--catalogue",
-         sample_catalogue(), "--keep-open", "--scenario",
-         dir.write("scenario",
-                   "rt/vehicle/speed 2 now speed_kmh=120 valid=1\n21 7 1 hex:01000000\n"
-                   "sleep 10\n21 7 2 hex:02000000\nrt/vehicle/gear 7 3 gear=3 drive_mode=1\n")});
+    auto watcher = watch({"--json", "--count", "4", "rt/vehicle/#"});
+    Process sim({g_sim, "--rx", dir.file("rx"), "--tx", dir.file("tx"), "--catalogue",
+                 g_sample_catalogue, "--keep-open", "--scenario",
+                 dir.write("scenario",
+                           "rt/vehicle/speed 2 now speed_kmh=120 valid=1\n21 7 1 hex:01000000\n"
+                           "sleep 10\n21 7 2 hex:02000000\nrt/vehicle/gear 7 3 gear=3 drive_mode=1\n")});
     ASSERT_TRUE(sim.wait_out("waiting for ipcd")) << sim.err();  // the FIFOs exist
-    Process ipcd({ipcd_binary(), "-L", "-H", "127.0.0.1", "-p", port, "-r", dir.file("rx"), "-t",
-                  dir.file("tx")},
-                 {{"KIRN_RT_CATALOGUE=" + sample_catalogue()}});
+    Process ipcd({g_ipcd, "-L", "-H", "127.0.0.1", "-p", std::to_string(broker.port()), "-r",
+                  dir.file("rx"), "-t", dir.file("tx")},
+                 {"KIRN_RT_CATALOGUE=" + g_sample_catalogue});
     ASSERT_TRUE(sim.wait_out("RX rt/vehicle/gear id=21 tag=7 ts=3")) << sim.out() << sim.err();
     // The retained group comes at once; the gear records wait for a request
     // and the start-up target, then come in their order.
@@ -82,17 +65,16 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
     EXPECT_EQ(lines[3]["body"]["signals"], Json({{"gear", 3}, {"drive_mode", 1}}));
 
     // To the RT side: a later message names one signal, the others keep theirs.
-    EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "target_temp=215", "ac_on=1"})
-                  .status,
-              0);
-    EXPECT_TRUE(sim.wait_out(" target_temp=215 fan_level=0 ac_on=1 recirculation=0\n"));
-    EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=3"}).status, 0);
+    const std::string climate = "rttx/hmi/climate_request";
+    EXPECT_EQ(ctl(broker.port(), {"send", climate, "target_temp=215"}).status, 0);
+    EXPECT_TRUE(sim.wait_out(" target_temp=215 fan_level=0 ac_on=0 recirculation=0\n"));
+    EXPECT_EQ(ctl(broker.port(), {"send", climate, "fan_level=3"}).status, 0);
     EXPECT_TRUE(sim.wait_out("TX rt/hmi/climate_request id=30 tag=0 ts="));
-    EXPECT_TRUE(sim.wait_out(" target_temp=215 fan_level=3 ac_on=1 recirculation=0\n"))
+    EXPECT_TRUE(sim.wait_out(" target_temp=215 fan_level=3 ac_on=0 recirculation=0\n"))
         << sim.out();
 
     // The shutdown state ends ipcd in order; the RT side sees it go.
-    auto eod = ctl_watch({"--count", "1", "system/rt/eod"});
+    auto eod = watch({"--count", "1", "system/rt/eod"});
     EXPECT_EQ(ctl(broker.port(), {"state", "4"}).status, 0);
     EXPECT_EQ(ipcd.wait(), 0) << ipcd.out();
     EXPECT_NE(ipcd.out().find("NOTICE daemon: Received shutdown indication!"), std::string::npos);
@@ -103,15 +85,19 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
     EXPECT_NE(sim.out().find("ipcd closed RX"), std::string::npos);
 }
 
-// What was read before the signal reaches the broker with no gap, then the
-// end of data; the service manager hears STOPPING=1 and status 0.
-TEST(Daemon, SigtermMidStreamEndsInOrder) {
-    Broker broker;
+// Over TLS with a login: what was read before the signal reaches the broker
+// with no gap, then the end of data; the service manager hears STOPPING=1
+// and status 0. The peers use the broker's plain listener.
+TEST(Daemon, SigtermMidStreamOverTlsEndsInOrder) {
+    TlsFiles tls;
+    const int login = free_port();
+    Broker broker(tls.listener(login));
     MqttPeer watcher(broker.port());
     watcher.subscribe(g_gear);
     watcher.subscribe("system/rt/eod");
-    Daemon daemon(broker.port());
-    daemon.start_ready();
+    Daemon daemon(login);
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "tls_cafile=" + tls.file("ca.crt") +
+                                                            "\nusername=ipcd\npassword=Hunter2\n")});
     release(daemon, broker.port());
     RecordStream stream(daemon, 21, 2000);
     ASSERT_TRUE(watcher.wait_for(g_gear, 200));
@@ -123,8 +109,9 @@ TEST(Daemon, SigtermMidStreamEndsInOrder) {
     for (std::size_t i = 0; i + 1 < received.size(); ++i) {
         ASSERT_EQ(seq_of(received[i].payload), i) << "gap or reorder";
     }
-    EXPECT_TRUE(daemon.notify().wait_for("STOPPING=1"));
+    EXPECT_TRUE(wait_until([&] { return daemon.notified("STOPPING=1") == 1; }));
     EXPECT_NE(daemon.process().out().find("Received SIGTERM, stopping"), std::string::npos);
+    EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
 }
 
 // Pings come while the reader goes round, and stop while it is stuck in a
@@ -132,10 +119,10 @@ TEST(Daemon, SigtermMidStreamEndsInOrder) {
 TEST(Daemon, WatchdogFollowsTheReader) {
     Broker broker;
     Daemon daemon(broker.port());
-    daemon.start_ready({"-c", daemon.dir().write("ipcd.conf", "max_pending=1\n")},
-                       {"WATCHDOG_USEC=200000"});
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "max_pending=1\n")},
+                 {"WATCHDOG_USEC=200000"});
     release(daemon, broker.port());
-    auto pings = [&] { return daemon.notify().count("WATCHDOG=1"); };
+    auto pings = [&] { return daemon.notified("WATCHDOG=1"); };
     ASSERT_TRUE(wait_until([&] { return pings() >= 3; }));
     broker.pause();
     RecordStream stream(daemon, 21, 20000);
@@ -151,44 +138,6 @@ TEST(Daemon, WatchdogFollowsTheReader) {
     EXPECT_TRUE(wait_until([&] { return pings() > seen + 2; }));
     stream.stop();
     EXPECT_EQ(daemon.stop(), 0);
-}
-
-TEST(Daemon, RelaysBothWaysOverTlsWithLogin) {
-    TlsFiles tls;
-    const int login = free_port();
-    Broker broker(tls.listener(login));  // peers use its plain listener
-    Daemon daemon(login);
-    daemon.start_ready(
-        {"-c", daemon.dir().write(
-                   "ipcd.conf", "tls_cafile=" + tls.ca() + "\nusername=ipcd\npassword=Hunter2\n")});
-    release(daemon, broker.port());
-    MqttPeer peer(broker.port());
-    peer.subscribe(g_gear);
-    daemon.write_record(21, {3, 1});
-    EXPECT_TRUE(peer.wait_for(g_gear));
-    ecu::kora::pb::SignalGroupData group;
-    auto* value = group.add_signals();
-    value->set_name("fan_level");
-    value->set_data("\x02");
-    peer.publish("rttx/hmi/climate_request", framed(group), 1);
-    EXPECT_EQ(daemon.tx_records(1).at(0).id, 30U);
-    EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
-}
-
-TEST(Daemon, LostTxPortStopsTheServiceStackAndEnds) {
-    Broker broker;
-    Daemon daemon(broker.port());
-    // A systemctl of our own first on PATH records what it is asked.
-    const std::string calls = daemon.dir().file("calls");
-    chmod(daemon.dir().write("systemctl", "#!/bin/sh\necho \"$@\" >> " + calls + "\n").c_str(),
-          0755);
-    daemon.start_ready({}, {"PATH=" + daemon.dir().path() + ":" + std::getenv("PATH")});
-    daemon.close_tx();  // the RT side's reader goes
-    EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status, 0);
-    EXPECT_EQ(daemon.process().wait(), 0);
-    EXPECT_NE(daemon.process().out().find("ALERT daemon: TX queue port is gone"),
-              std::string::npos);
-    EXPECT_EQ(read_file(calls), "stop norvex\n");
 }
 
 }  // namespace

@@ -5,9 +5,6 @@
 
 #include <functional>
 #include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "transport.h"
 
@@ -17,7 +14,7 @@ class FakeTransport : public ecu::kora::com::ITransportClient {
 public:
     using Message = ecu::kora::com::Message;
 
-    bool connect() override { return connect_result; }
+    bool connect() override { return true; }
     int publish(const std::string& topic, Message& msg) override {
         if (before_publish) {
             before_publish(topic);
@@ -26,10 +23,8 @@ public:
         m_published.emplace_back(topic, msg);
         return publish_result;
     }
-    bool subscribe(const std::string& topic, int /*option*/,
-                   std::shared_ptr<ecu::kora::com::ISubscriptionObserver> /*observer*/) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_subscribed.push_back(topic);
+    bool subscribe(const std::string&, int,
+                   std::shared_ptr<ecu::kora::com::ISubscriptionObserver>) override {
         return true;
     }
     bool start() override { return true; }
@@ -48,7 +43,6 @@ public:
         return topics;
     }
 
-    bool connect_result = true;
     int publish_result = 1;
     std::function<void(const std::string&)> before_publish;
 
@@ -56,7 +50,6 @@ private:
     mutable std::mutex m_mutex;
     std::string m_name = "fake-ipcd";
     std::vector<std::pair<std::string, Message>> m_published;
-    std::vector<std::string> m_subscribed;
 };
 
 }  // namespace ipcd_test

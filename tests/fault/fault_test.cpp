@@ -1,34 +1,24 @@
 // Faults around the real daemon: the broker going away under a record
-// stream, floods of malformed broker messages, damage in the RX stream.
+// stream, floods of malformed broker messages, the TX port lost.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <random>
 
-#include "broker.h"
-#include "daemon.h"
 #include "frames.h"
-#include "mqtt_peer.h"
+#include "harness.h"
 
 using namespace ipcd_test;
 namespace pb = ecu::kora::pb;
 
 namespace {
 
-using namespace std::chrono_literals;
-
 const std::string g_gear = "rt/vehicle/gear";  // RT id 21, not retained; rt/vehicle/speed (20) is
-
-void release(Daemon& daemon, int port) {
-    MqttPeer control(port);
-    control.publish("subscription/announcement", announcement({"rt/vehicle/gear"}), 1);
-    control.publish("system/tpa/status", tpa(false, false), 1);
-    ASSERT_TRUE(daemon.process().wait_out("Earlybird message processing done."));
-}
 
 std::vector<std::uint64_t> seqs(const MqttPeer& peer) {
     std::vector<std::uint64_t> out;
-    for (const auto& r : peer.received_on(g_gear)) {
+    for (const auto& r : peer.received(g_gear)) {
         out.push_back(seq_of(r.payload));
     }
     return out;
@@ -41,7 +31,7 @@ TEST(Fault, BrokerRestartsUnderAStream) {
     for (bool hard : {false, true}) {
         Broker broker;
         Daemon daemon(broker.port());
-        daemon.start_ready();
+        daemon.start();
         release(daemon, broker.port());
         daemon.write_record(20, {0x2a, 0x00, 0x01}, 42);
         RecordStream stream(daemon, 21, 2000);
@@ -68,7 +58,7 @@ TEST(Fault, BrokerRestartsUnderAStream) {
         EXPECT_TRUE(late.wait_for("system/ipc/subscriptions"));
         ASSERT_TRUE(late.wait_for("rt/vehicle/speed"));
         EXPECT_EQ(
-            unframed<pb::RtSignal>(late.received_on("rt/vehicle/speed")[0].payload).timestamp(),
+            unframed<pb::RtSignal>(late.received("rt/vehicle/speed")[0].payload).timestamp(),
             42U);
         pb::SignalGroupData request;
         request.add_signals()->set_name("fan_level");
@@ -80,7 +70,7 @@ TEST(Fault, BrokerRestartsUnderAStream) {
 TEST(Fault, MalformedFloodOnEveryControlTopic) {
     Broker broker;
     Daemon daemon(broker.port());
-    daemon.start_ready();
+    daemon.start();
     MqttPeer peer(broker.port());
     peer.subscribe("rt/vehicle/speed");
     pb::RtSignal body;
@@ -112,50 +102,21 @@ TEST(Fault, MalformedFloodOnEveryControlTopic) {
     EXPECT_TRUE(peer.wait_for("rt/vehicle/speed"));
 }
 
-// Every other record comes after damage: stray bytes, a length over the
-// limit, or one wrong within it. Those all arrive in order; the one directly
-// in front of stray bytes may be dropped as damaged; damaged ones never come.
-TEST(Fault, EveryRecordAfterRxDamageArrives) {
+// The RT side stops reading TX: ipcd stops the service stack (through the
+// systemctl first on PATH, here one that records its call) and ends.
+TEST(Fault, LostTxPortStopsTheServiceStackAndEnds) {
     Broker broker;
-    MqttPeer subscriber(broker.port());
-    subscriber.subscribe(g_gear);
     Daemon daemon(broker.port());
-    daemon.start_ready();
-    release(daemon, broker.port());
-    auto record = [](std::uint32_t declared, const std::vector<std::uint8_t>& data) {
-        std::vector<std::uint8_t> bytes;
-        ecu::kora::ipc::encode_record({21, 0, 0, data}, bytes);
-        for (std::size_t i = 0; declared != 0 && i < 4; ++i) {
-            bytes[16 + i] = static_cast<std::uint8_t>(declared >> (8 * i));
-        }
-        return bytes;
-    };
-    const std::vector<std::uint8_t> six(6, 0xEE);  // too short to carry a number
-    const std::vector<std::vector<std::uint8_t>> damage = {{'x', 'Q', 'P', 'R', 'x'},
-                                                           record(0x10010001, six),
-                                                           record(40, six),
-                                                           record(2, six),
-                                                           {0, 'Q'}};
-    std::vector<std::uint8_t> stream;
-    for (std::uint64_t seq = 0; seq < 2000; ++seq) {
-        const auto d =
-            seq % 2 == 0 ? damage[(seq / 2) % damage.size()] : std::vector<std::uint8_t>{};
-        const auto r = record(0, seq_payload(seq));
-        stream.insert(stream.end(), d.begin(), d.end());
-        stream.insert(stream.end(), r.begin(), r.end());
-    }
-    daemon.write_raw(stream);
-    ASSERT_TRUE(
-        wait_until([&] { return !seqs(subscriber).empty() && seqs(subscriber).back() == 1999; }));
-    std::vector<std::uint64_t> after_damage;
-    for (auto seq : seqs(subscriber)) {
-        if (seq % 2 == 0) {
-            after_damage.push_back(seq);
-        }
-    }
-    EXPECT_EQ(after_damage.size(), 1000U);
-    EXPECT_TRUE(std::is_sorted(after_damage.begin(), after_damage.end()));
-    EXPECT_NE(daemon.process().out().find("stream out of step"), std::string::npos);
+    const std::string calls = daemon.dir().file("calls");
+    chmod(daemon.dir().write("systemctl", "#!/bin/sh\necho \"$@\" >> " + calls + "\n").c_str(),
+          0755);
+    daemon.start({}, {"PATH=" + daemon.dir().path() + ":" + std::getenv("PATH")});
+    daemon.close_tx();
+    EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status, 0);
+    EXPECT_EQ(daemon.process().wait(), 0);
+    EXPECT_NE(daemon.process().out().find("ALERT daemon: TX queue port is gone"),
+              std::string::npos);
+    EXPECT_EQ(read_file(calls), "stop norvex\n");
 }
 
 }  // namespace

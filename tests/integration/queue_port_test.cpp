@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "log_capture.h"
+#include "support.h"
 #include "logging.h"
 #include "queue_port.h"
-#include "temp_dir.h"
 
 using namespace ecu::kora::ipc;
 using namespace ipcd_test;

@@ -1,7 +1,6 @@
-#include "mqtt_peer.h"
-
-#include <algorithm>
 #include <stdexcept>
+
+#include "harness.h"
 
 namespace ipcd_test {
 
@@ -20,24 +19,25 @@ MqttPeer::MqttPeer(int port, Handler handler) : m_handler(std::move(handler)) {
             }
         }
     });
-    mosquitto_message_callback_set(
-        m_mosq, [](mosquitto*, void* self, const mosquitto_message* msg) {
-            auto* peer = static_cast<MqttPeer*>(self);
-            if (peer->m_handler) {
-                peer->m_handler(*msg);
-                return;
-            }
-            const auto* bytes = static_cast<const std::uint8_t*>(msg->payload);
-            std::lock_guard<std::mutex> lock(peer->m_mutex);
-            peer->m_received.push_back(
-                {msg->topic, {bytes, bytes + msg->payloadlen}, msg->qos, msg->retain});
-            peer->m_cv.notify_all();
-        });
-    mosquitto_subscribe_callback_set(m_mosq, [](mosquitto*, void* self, int mid, int, const int*) {
-        static_cast<MqttPeer*>(self)->done(mid);
+    mosquitto_message_callback_set(m_mosq, [](mosquitto*, void* self, const mosquitto_message* m) {
+        auto* peer = static_cast<MqttPeer*>(self);
+        if (peer->m_handler) {
+            peer->m_handler(*m);
+            return;
+        }
+        const auto* bytes = static_cast<const std::uint8_t*>(m->payload);
+        std::lock_guard<std::mutex> lock(peer->m_mutex);
+        peer->m_received.push_back({m->topic, {bytes, bytes + m->payloadlen}, m->qos, m->retain});
     });
-    mosquitto_publish_callback_set(
-        m_mosq, [](mosquitto*, void* self, int mid) { static_cast<MqttPeer*>(self)->done(mid); });
+    static const auto done = [](mosquitto*, void* self, int mid) {
+        auto* peer = static_cast<MqttPeer*>(self);
+        std::lock_guard<std::mutex> lock(peer->m_mutex);
+        peer->m_done.insert(mid);
+        peer->m_cv.notify_all();
+    };
+    mosquitto_subscribe_callback_set(
+        m_mosq, [](mosquitto* m, void* self, int mid, int, const int*) { done(m, self, mid); });
+    mosquitto_publish_callback_set(m_mosq, done);
     if (mosquitto_connect(m_mosq, "127.0.0.1", port, 30) != MOSQ_ERR_SUCCESS) {
         throw std::runtime_error("test peer cannot connect to port " + std::to_string(port));
     }
@@ -50,19 +50,9 @@ MqttPeer::~MqttPeer() {
     mosquitto_destroy(m_mosq);
 }
 
-// A mid is recorded before it can be done: its sender holds the mutex across
-// the call that hands it out.
-void MqttPeer::done(int mid) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), mid), m_waiting.end());
-    m_cv.notify_all();
-}
-
 void MqttPeer::wait_done(int mid) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (!m_cv.wait_for(lock, 10s, [&] {
-            return std::find(m_waiting.begin(), m_waiting.end(), mid) == m_waiting.end();
-        })) {
+    if (!m_cv.wait_for(lock, 10s, [&] { return m_done.erase(mid) > 0; })) {
         throw std::runtime_error("test peer: no acknowledgement");
     }
 }
@@ -72,10 +62,9 @@ void MqttPeer::subscribe(const std::string& topic, int qos) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_subscriptions.emplace_back(topic, qos);
-        if (mosquitto_subscribe(m_mosq, &mid, topic.c_str(), qos) != MOSQ_ERR_SUCCESS) {
-            throw std::runtime_error("test peer cannot subscribe " + topic);
-        }
-        m_waiting.push_back(mid);
+    }
+    if (mosquitto_subscribe(m_mosq, &mid, topic.c_str(), qos) != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error("test peer cannot subscribe " + topic);
     }
     wait_done(mid);
 }
@@ -83,35 +72,22 @@ void MqttPeer::subscribe(const std::string& topic, int qos) {
 void MqttPeer::publish(const std::string& topic, const std::vector<std::uint8_t>& payload, int qos,
                        bool retained) {
     int mid = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (mosquitto_publish(m_mosq, &mid, topic.c_str(), static_cast<int>(payload.size()),
-                              payload.data(), qos, retained) != MOSQ_ERR_SUCCESS) {
-            throw std::runtime_error("test peer cannot publish on " + topic);
-        }
-        m_waiting.push_back(mid);
+    if (mosquitto_publish(m_mosq, &mid, topic.c_str(), static_cast<int>(payload.size()),
+                          payload.data(), qos, retained) != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error("test peer cannot publish on " + topic);
     }
     wait_done(mid);
 }
 
-std::vector<Received> MqttPeer::received() const {
+std::vector<Received> MqttPeer::received(const std::string& topic) const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_received;
-}
-
-std::vector<Received> MqttPeer::received_on(const std::string& topic) const {
     std::vector<Received> out;
-    for (const auto& r : received()) {
-        if (r.topic == topic) {
+    for (const auto& r : m_received) {
+        if (topic.empty() || r.topic == topic) {
             out.push_back(r);
         }
     }
     return out;
-}
-
-bool MqttPeer::wait_for(const std::string& topic, std::size_t count,
-                        std::chrono::milliseconds deadline) const {
-    return wait_until([&] { return received_on(topic).size() >= count; }, deadline);
 }
 
 }  // namespace ipcd_test

@@ -1,5 +1,3 @@
-#include "process.h"
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -9,36 +7,30 @@
 #include <map>
 #include <stdexcept>
 
+#include "harness.h"
+
 extern char** environ;
 
 namespace ipcd_test {
 
-Process::Process(std::vector<std::string> argv, ProcessOptions options) {
+Process::Process(std::vector<std::string> argv, const std::vector<std::string>& env) {
     std::map<std::string, std::string> vars;  // built before fork: nothing but syscalls after
     for (char** e = environ; *e != nullptr; ++e) {
         vars[std::string(*e).substr(0, std::string(*e).find('='))] = *e;
     }
-    for (const auto& e : options.env) {
+    for (const auto& e : env) {
         vars[e.substr(0, e.find('='))] = e;
     }
-    std::vector<std::string> env;
     std::vector<char*> cargv;
     std::vector<char*> cenv;
-    for (auto& entry : vars) {
-        env.push_back(entry.second);
-    }
     for (auto& a : argv) {
         cargv.push_back(a.data());
     }
-    for (auto& e : env) {
-        cenv.push_back(e.data());
+    for (auto& entry : vars) {
+        cenv.push_back(entry.second.data());
     }
     cargv.push_back(nullptr);
     cenv.push_back(nullptr);
-    int in[2] = {-1, -1};
-    if (options.pipe_input && pipe2(in, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
     const int out = open(m_dir.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const int err = open(m_dir.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const pid_t parent = getpid();
@@ -50,32 +42,20 @@ Process::Process(std::vector<std::string> argv, ProcessOptions options) {
         }
         dup2(out, 1);
         dup2(err, 2);
-        dup2(in[0] >= 0 ? in[0] : open("/dev/null", O_RDONLY), 0);
+        dup2(open("/dev/null", O_RDONLY), 0);
         setpgid(0, 0);  // a group of its own, so that a kill reaches what it starts
         execve(cargv[0], cargv.data(), cenv.data());
         _exit(127);
     }
     close(out);
     close(err);
-    if (in[0] >= 0) {
-        close(in[0]);
-        m_input = in[1];
-    }
 }
 
 Process::~Process() {
-    close_input();
     if (running()) {
         kill(-m_pid, SIGKILL);
         kill(m_pid, SIGKILL);
         wait(5s);
-    }
-}
-
-void Process::close_input() {
-    if (m_input >= 0) {
-        close(m_input);
-        m_input = -1;
     }
 }
 
@@ -98,20 +78,18 @@ void Process::signal(int sig) {
     }
 }
 
-bool Process::wait_out(const std::string& text, std::chrono::milliseconds deadline) const {
-    return wait_until([&] { return out().find(text) != std::string::npos; }, deadline);
-}
-
-bool Process::wait_err(const std::string& text, std::chrono::milliseconds deadline) const {
-    return wait_until([&] { return err().find(text) != std::string::npos; }, deadline);
-}
-
-Outcome run(const std::vector<std::string>& argv, ProcessOptions options) {
-    Process p(argv, std::move(options));
+Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+    Process p(argv, env);
     if (!p.wait(30s)) {
         throw std::runtime_error(argv[0] + " did not end: " + p.err());
     }
     return {*p.wait(), p.out(), p.err()};
+}
+
+Outcome ctl(int port, std::vector<std::string> args) {
+    args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port),
+                               "--catalogue", g_sample_catalogue});
+    return run(args);
 }
 
 }  // namespace ipcd_test

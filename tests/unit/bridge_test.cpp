@@ -6,9 +6,8 @@
 #include "fake_transport.h"
 #include "frames.h"
 #include "ipcd.h"
-#include "log_capture.h"
+#include "support.h"
 #include "logging.h"
-#include "temp_dir.h"
 
 namespace com = ecu::kora::com;
 namespace logging = ecu::kora::logging;
@@ -324,24 +323,6 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
     });
     ASSERT_NE(send, lines.end());
     EXPECT_EQ((send + 1)->text, "Send data to RT for topic 'rttx/a' (rt id: 10)");
-}
-
-TEST_F(Bridge, LostTxPortStopsTheStackEveryTime) {
-    Topics commands;
-    bridge->m_run_command = [&commands](const char* command) {
-        commands.emplace_back(command);
-        return 0;
-    };
-    ASSERT_TRUE(bridge->m_writer.open("/dev/full"));  // every write fails
-    bridge->message("rttx/b", rttx({{"x", {1}}}, 1));
-    bridge->message("rttx/b", rttx({{"x", {2}}}, 2));
-    EXPECT_EQ(
-        log.find("TX queue port is gone, there's nothing more to do. The ECU will be restarted!")
-            .size(),
-        2U);
-    EXPECT_EQ(commands, (Topics{"systemctl stop norvex", "systemctl stop norvex"}));
-    EXPECT_TRUE(bridge->m_reader.stop_requested);
-    EXPECT_EQ(bridge->m_tx_groups.at("rt/b").signal("x").data(), Bytes{2});
 }
 
 }  // namespace

@@ -4,10 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "frames.h"
-#include "log_capture.h"
+#include "support.h"
 #include "logging.h"
 #include "signal_adapter.h"
-#include "temp_dir.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "date_time.h"
-#include "log_capture.h"
+#include "support.h"
 #include "logging.h"
 #include "message_adapter.h"
 #include "rt_signal_frame.h"

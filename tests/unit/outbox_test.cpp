@@ -4,7 +4,7 @@
 
 #include <future>
 
-#include "log_capture.h"
+#include "support.h"
 #include "outbox.h"
 
 namespace ecu::kora::com {

@@ -7,9 +7,8 @@
 
 #include "build_configuration.h"
 #include "command_line.h"
-#include "log_capture.h"
+#include "support.h"
 #include "logging.h"
-#include "temp_dir.h"
 
 namespace ipcd = ecu::kora::ipcd;
 namespace logging = ecu::kora::logging;

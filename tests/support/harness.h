@@ -1,0 +1,197 @@
+#pragma once
+
+// The real parts, for the integration, end-to-end and fault tests and the
+// system benchmark: processes, a private mosquitto, TLS material, a plain MQTT
+// peer, and ipcd with its ports.
+
+#include <mosquitto.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <csignal>
+#include <condition_variable>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "record_format.h"
+#include "support.h"
+
+namespace ipcd_test {
+
+inline const std::string g_ipcd = IPCD_BINARY;
+inline const std::string g_sim = IPCD_SIM_BINARY;
+inline const std::string g_ctl = IPCD_CTL_BINARY;
+inline const std::string g_sample_catalogue = IPCD_SAMPLE_CATALOGUE;
+
+// A child process; its output goes to files of its own. It dies with the test
+// process, and its process group with the Process: a timed-out test leaves
+// nothing behind. env: "NAME=value", added to or replacing the current ones.
+class Process {
+public:
+    explicit Process(std::vector<std::string> argv, const std::vector<std::string>& env = {});
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    pid_t pid() const { return m_pid; }
+    // The exit status, 128 + signal, or nothing when the deadline passed.
+    std::optional<int> wait(std::chrono::milliseconds deadline = 20s);
+    bool running() { return !wait(0ms); }
+    void signal(int sig);
+    std::string out() const { return read_file(m_dir.file("out")); }
+    std::string err() const { return read_file(m_dir.file("err")); }
+    bool wait_out(const std::string& text, std::chrono::milliseconds deadline = 10s) const {
+        return wait_until([&] { return out().find(text) != std::string::npos; }, deadline);
+    }
+
+private:
+    TempDir m_dir;
+    pid_t m_pid = -1;
+    std::optional<int> m_status;
+};
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+
+int free_port();  // on 127.0.0.1, bound and released
+
+// A mosquitto of the test's own on 127.0.0.1 and a free port, never the
+// system's: nothing persisted, QoS 0 queueing unlimited (a slow subscriber
+// loses nothing), TCP_NODELAY as for ipcd. extra_config: mosquitto.conf lines
+// after the plain anonymous listener, e.g. TlsFiles::listener.
+class Broker {
+public:
+    explicit Broker(std::string extra_config = {});
+    int port() const { return m_port; }
+    pid_t pid() const { return m_process->pid(); }
+    void stop(bool hard = false);  // SIGTERM, or SIGKILL when hard; waits for the end
+    void start();                  // again, on the same ports
+    void pause() { m_process->signal(SIGSTOP); }  // connections stay, nothing is answered
+    void resume() { m_process->signal(SIGCONT); }
+
+private:
+    TempDir m_dir;
+    int m_port;
+    std::unique_ptr<Process> m_process;
+};
+
+// Made with openssl and mosquitto_passwd: a CA, a server certificate for
+// 127.0.0.1, one for another host name, a client certificate, a CA that signed
+// none of them, and the user ipcd with the password Hunter2.
+class TlsFiles {
+public:
+    TlsFiles();
+    std::string file(const std::string& name) const { return m_dir.file(name); }
+    // mosquitto.conf lines of a TLS listener on 127.0.0.1:port. login: user
+    // and password required, else the client certificate's name is the user;
+    // wrong_name: its certificate names another host.
+    std::string listener(int port, bool login = true, bool wrong_name = false) const;
+
+private:
+    TempDir m_dir;
+};
+
+struct Received {
+    std::string topic;
+    std::vector<std::uint8_t> payload;
+    int qos;
+    bool retained;
+};
+
+// A plain libmosquitto client, as a client application or the platform uses
+// one. It renews its subscriptions on every connection, so it follows a
+// broker restart. With a handler every message goes to it (on the client's
+// thread); without, they are kept for received().
+class MqttPeer {
+public:
+    using Handler = std::function<void(const mosquitto_message&)>;
+    explicit MqttPeer(int port, Handler handler = {});
+    ~MqttPeer();
+    MqttPeer(const MqttPeer&) = delete;
+    MqttPeer& operator=(const MqttPeer&) = delete;
+    void subscribe(const std::string& topic, int qos = 1);  // waits for the SUBACK
+    // Waits until the message has left (QoS 0) or been acknowledged.
+    void publish(const std::string& topic, const std::vector<std::uint8_t>& payload, int qos = 0,
+                 bool retained = false);
+    std::vector<Received> received(const std::string& topic = {}) const;  // all, or one topic's
+    bool wait_for(const std::string& topic, std::size_t count = 1,
+                  std::chrono::milliseconds deadline = 10s) const {
+        return wait_until([&] { return received(topic).size() >= count; }, deadline);
+    }
+
+private:
+    void wait_done(int mid);
+
+    mosquitto* m_mosq;
+    Handler m_handler;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::vector<std::pair<std::string, int>> m_subscriptions;
+    std::vector<Received> m_received;
+    std::set<int> m_done;  // acknowledged mids nobody has waited for yet
+};
+
+// The real ipcd with its ports: two FIFOs of its own, a catalogue and a
+// notification socket. TX is open for reading before ipcd starts (it opens TX
+// first and needs its reader); RX is opened for writing once ipcd is ready.
+class Daemon {
+public:
+    explicit Daemon(int port, std::string catalogue = g_sample_catalogue);
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+    // ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX, then extra; a wrapper (e.g.
+    // "valgrind --tool=callgrind") goes in front. Waits for READY=1 and RX.
+    void start(std::vector<std::string> extra = {}, std::vector<std::string> env = {},
+               const std::string& wrapper = {});
+    void write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
+                      std::uint64_t timestamp = 1);
+    void write_raw(const std::vector<std::uint8_t>& bytes);
+    std::optional<int> stop();  // closes RX, so ipcd ends in order; its status
+    void close_tx();            // the RT side stops reading
+    // Waits until count records came out of TX; all so far.
+    std::vector<ecu::kora::ipc::IpcSignal> tx_records(std::size_t count);
+    std::size_t notified(const std::string& message);  // sd_notify messages so far
+    Process& process() { return *m_process; }
+    const TempDir& dir() const { return m_dir; }
+
+private:
+    TempDir m_dir;
+    int m_port;
+    std::string m_catalogue;
+    int m_notify_fd;
+    int m_rx_fd = -1;
+    int m_tx_fd;
+    std::vector<std::string> m_notifications;
+    ecu::kora::ipc::RecordDecoder m_tx_decoder;
+    std::vector<ecu::kora::ipc::IpcSignal> m_tx_out;
+    std::unique_ptr<Process> m_process;
+};
+
+// Writes numbered records (seq_payload) of one RT id into RX at a fixed rate
+// from a thread of its own, until stopped or ipcd has closed RX.
+class RecordStream {
+public:
+    RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second);
+    ~RecordStream() { stop(); }
+    std::uint64_t stop();  // how many were written
+    std::uint64_t written() const { return m_written; }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::atomic<std::uint64_t> m_written{0};
+    std::thread m_thread;
+};
+
+Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl with the sample catalogue
+
+// Requests rt/vehicle/gear (RT id 21, not retained) and releases the
+// earlybird queue through the broker at port: its records are then relayed
+// as they come.
+void release(Daemon& daemon, int port);
+
+}  // namespace ipcd_test
