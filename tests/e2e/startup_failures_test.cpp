@@ -21,8 +21,9 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
                          "host=127.0.0.1\nport=" + port + "\n" + text);
     };
     auto catalogue = [&](const std::string& topic) {  // one group: the id 1
-        return "KIRN_RT_CATALOGUE=" + dir.write(topic.substr(10), R"({"groups": [{"topic": ")" +
-                                                    topic + R"(", "id": 1, "size": 8, "signals": []}]})");
+        return "KIRN_RT_CATALOGUE=" +
+               dir.write(topic.substr(10), R"({"groups": [{"topic": ")" + topic +
+                                               R"(", "id": 1, "size": 8, "signals": []}]})");
     };
     const std::string absent = std::to_string(free_port());
     const std::string sample = "KIRN_RT_CATALOGUE=" + g_sample_catalogue;

@@ -16,10 +16,11 @@ namespace {
 
 const std::string g_gear = "rt/vehicle/gear";  // RT id 21, not retained; rt/vehicle/speed (20) is
 
-std::vector<std::uint64_t> seqs(const MqttPeer& peer) {
+// The body timestamps of what a watch received: the stream's numbers.
+std::vector<std::uint64_t> seqs(const Process& watch) {
     std::vector<std::uint64_t> out;
-    for (const auto& r : peer.received(g_gear)) {
-        out.push_back(seq_of(r.payload));
+    for (const auto& j : json_lines(watch.out())) {
+        out.push_back(j["body"].value("timestamp", 0U));
     }
     return out;
 }
@@ -40,29 +41,24 @@ TEST(Fault, BrokerRestartsUnderAStream) {
         ASSERT_TRUE(daemon.process().wait_out("lost:"));
         ASSERT_TRUE(wait_until([&] { return stream.written() >= 3000; }));
         broker.start();
-        MqttPeer after(broker.port());
-        after.subscribe(g_gear);
-        ASSERT_TRUE(after.wait_for(g_gear, 1, 20s)) << daemon.process().out();
+        auto after = watch(broker.port(), {g_gear});
+        ASSERT_TRUE(after->wait_out(g_gear, 20s)) << daemon.process().out();
         const std::uint64_t at_return = stream.written();
         ASSERT_TRUE(wait_until([&] { return stream.written() >= at_return + 1000; }));
         const std::uint64_t total = stream.stop();
         ASSERT_TRUE(
-            wait_until([&] { return !seqs(after).empty() && seqs(after).back() == total - 1; }));
-        const auto got = seqs(after);
+            wait_until([&] { return !seqs(*after).empty() && seqs(*after).back() == total - 1; }));
+        const auto got = seqs(*after);
         EXPECT_TRUE(std::adjacent_find(got.begin(), got.end(), std::greater_equal<>()) ==
                     got.end());
         EXPECT_GE(got.size(), total - at_return);
-        MqttPeer late(broker.port());
-        late.subscribe("system/ipc/subscriptions");
-        late.subscribe("rt/vehicle/speed");
-        EXPECT_TRUE(late.wait_for("system/ipc/subscriptions"));
-        ASSERT_TRUE(late.wait_for("rt/vehicle/speed"));
-        EXPECT_EQ(
-            unframed<pb::RtSignal>(late.received("rt/vehicle/speed")[0].payload).timestamp(),
-            42U);
-        pb::SignalGroupData request;
-        request.add_signals()->set_name("fan_level");
-        late.publish("rttx/hmi/climate_request", framed(request), 1);
+        auto late = watch(broker.port(), {"--count", "2", "system/ipc/subscriptions",
+                                          "rt/vehicle/speed"});
+        ASSERT_EQ(late->wait(), 0);
+        EXPECT_NE(late->out().find(R"("timestamp":42)"), std::string::npos) << late->out();
+        EXPECT_NE(late->out().find(R"("topics":["rt/vehicle/gear"])"), std::string::npos);
+        EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status,
+                  0);
         EXPECT_EQ(daemon.tx_records(1).size(), 1U);
     }
 }
@@ -71,8 +67,9 @@ TEST(Fault, MalformedFloodOnEveryControlTopic) {
     Broker broker;
     Daemon daemon(broker.port());
     daemon.start();
-    MqttPeer peer(broker.port());
-    peer.subscribe("rt/vehicle/speed");
+    auto speed = watch(broker.port(), {"rt/vehicle/speed"});
+    Client peer(broker.port());
+    ASSERT_TRUE(peer->connect());
     pb::RtSignal body;
     body.set_data("0123456789");
     const auto good = framed(body);
@@ -92,14 +89,16 @@ TEST(Fault, MalformedFloodOnEveryControlTopic) {
             } else {  // a wrong protocol type or header length
                 m[1 + static_cast<std::size_t>(i % 4)] = static_cast<std::uint8_t>(rng() | 0x40);
             }
-            peer.publish(topic, m);
+            auto msg = message(m);
+            peer->publish(topic, msg);
         }
     }
     // A QoS 1 marker: once ipcd has logged it, the flood is behind it.
-    peer.publish("rttx/vehicle/after_the_flood", {}, 1);
+    auto marker = message(Bytes{}, 1);
+    peer->publish("rttx/vehicle/after_the_flood", marker);
     ASSERT_TRUE(daemon.process().wait_out("'rt/vehicle/after_the_flood'", 60s));
     daemon.write_record(20, {1, 0, 1}, 77);
-    EXPECT_TRUE(peer.wait_for("rt/vehicle/speed"));
+    EXPECT_TRUE(speed->wait_out("rt/vehicle/speed"));
 }
 
 // The RT side stops reading TX: ipcd stops the service stack (through the

@@ -11,9 +11,10 @@
 
 namespace ipcd_fuzz {
 
-inline void quiet_log() {
+inline const bool g_quiet = [] {
     ecu::kora::logging::set_sink([](int, const std::string&, const std::string&) {});
-}
+    return true;
+}();
 
 #define IPCD_FUZZ_CHECK(cond)                                                             \
     do {                                                                                  \

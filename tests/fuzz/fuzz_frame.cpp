@@ -20,8 +20,8 @@ void exercise(const std::uint8_t* data, std::size_t size) {
         IPCD_FUZZ_CHECK(result.error != ecu::kora::com::PbInternalDeserializationError::no_error);
         return;
     }
-    ecu::kora::com::PbInternalMessageAdapter<T> writer(reader.protocol_type);
-    auto framed = writer.serialize(result.body);
+    auto framed =
+        ecu::kora::com::PbInternalMessageAdapter<T>(reader.protocol_type).serialize(result.body);
     IPCD_FUZZ_CHECK(framed.success);
     auto again = ecu::kora::com::PbInternalMessageAdapter<T>().deserialize(framed.message);
     IPCD_FUZZ_CHECK(again.success);
@@ -30,32 +30,14 @@ void exercise(const std::uint8_t* data, std::size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    ipcd_fuzz::quiet_log();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size == 0) {
-        return 0;
-    }
     namespace pb = ecu::kora::pb;
-    switch (data[0] % 5) {
-        case 0:
-            exercise<pb::RtSignal>(data + 1, size - 1);
-            break;
-        case 1:
-            exercise<pb::SubscriptionMessage>(data + 1, size - 1);
-            break;
-        case 2:
-            exercise<pb::SubscriptionStatus>(data + 1, size - 1);
-            break;
-        case 3:
-            exercise<pb::TPAStatus>(data + 1, size - 1);
-            break;
-        default:
-            exercise<pb::SignalGroupData>(data + 1, size - 1);
-            break;
+    using Body = void (*)(const std::uint8_t*, std::size_t);
+    static const Body bodies[] = {exercise<pb::RtSignal>, exercise<pb::SubscriptionMessage>,
+                                  exercise<pb::SubscriptionStatus>, exercise<pb::TPAStatus>,
+                                  exercise<pb::SignalGroupData>};
+    if (size > 0) {
+        bodies[data[0] % 5](data + 1, size - 1);
     }
     return 0;
 }

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support.h"
 #include "logging.h"
 #include "queue_port.h"
+#include "support.h"
 
 using namespace ecu::kora::ipc;
 using namespace ipcd_test;

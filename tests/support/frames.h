@@ -1,5 +1,7 @@
 #pragma once
 
+// Broker messages and bodies built and read as clients and the platform do it.
+
 #include <algorithm>
 #include <initializer_list>
 #include <string>
@@ -9,20 +11,28 @@
 
 namespace ipcd_test {
 
-// Broker bodies framed and unframed as clients and the platform do it.
+using Bytes = std::vector<std::uint8_t>;
+
+template <typename Payload>
+ecu::kora::com::Message message(const Payload& payload, int qos = 0, bool retained = false) {
+    ecu::kora::com::Message m;
+    m.payload.assign(std::begin(payload), std::end(payload));
+    m.qos = static_cast<std::uint8_t>(qos);
+    m.retained = retained;
+    return m;
+}
+
 template <typename T>
-std::vector<std::uint8_t> framed(const T& body) {
+Bytes framed(const T& body) {
     return ecu::kora::com::PbInternalMessageAdapter<T>().serialize(body).message.payload;
 }
 
 template <typename T>
-T unframed(const std::vector<std::uint8_t>& payload) {
-    ecu::kora::com::Message msg;
-    msg.payload = payload;
-    return ecu::kora::com::PbInternalMessageAdapter<T>().deserialize(msg).body;
+T unframed(const Bytes& payload) {
+    return ecu::kora::com::PbInternalMessageAdapter<T>().deserialize(message(payload)).body;
 }
 
-inline std::vector<std::uint8_t> announcement(std::initializer_list<const char*> topics) {
+inline Bytes announcement(std::initializer_list<const char*> topics) {
     ecu::kora::pb::SubscriptionMessage body;
     for (const char* t : topics) {
         body.add_topics(t);
@@ -30,9 +40,31 @@ inline std::vector<std::uint8_t> announcement(std::initializer_list<const char*>
     return framed(body);
 }
 
+inline Bytes tpa(bool wait_for_target, bool target_reached) {
+    ecu::kora::pb::TPAStatus body;
+    body.set_wait_for_target(wait_for_target);
+    body.set_target_reached(target_reached);
+    return framed(body);
+}
+
+// What clients send on "rttx/...": named signal values, and a timestamp unless 0.
+inline Bytes group_data(std::initializer_list<std::pair<const char*, std::string>> values,
+                        std::uint64_t timestamp = 0) {
+    ecu::kora::pb::SignalGroupData body;
+    if (timestamp != 0) {
+        body.set_timestamp(timestamp);
+    }
+    for (const auto& [name, data] : values) {
+        auto* value = body.add_signals();
+        value->set_name(name);
+        value->set_data(data);
+    }
+    return framed(body);
+}
+
 // The data of record seq of a stream: its number, then filler up to size.
-inline std::vector<std::uint8_t> seq_payload(std::uint64_t seq, std::size_t size = 16) {
-    std::vector<std::uint8_t> data(std::max<std::size_t>(size, 8), 0x5A);
+inline Bytes seq_payload(std::uint64_t seq, std::size_t size = 16) {
+    Bytes data(std::max<std::size_t>(size, 8), 0x5A);
     for (std::size_t i = 0; i < 8; ++i) {
         data[i] = static_cast<std::uint8_t>(seq >> (8 * i));
     }
@@ -40,20 +72,13 @@ inline std::vector<std::uint8_t> seq_payload(std::uint64_t seq, std::size_t size
 }
 
 // The number of a relayed seq_payload record (a framed RtSignal).
-inline std::uint64_t seq_of(const std::vector<std::uint8_t>& framed_rt_signal) {
+inline std::uint64_t seq_of(const Bytes& framed_rt_signal) {
     const std::string data = unframed<ecu::kora::pb::RtSignal>(framed_rt_signal).data();
     std::uint64_t seq = 0;
     for (std::size_t i = std::min<std::size_t>(data.size(), 8); i-- > 0;) {
         seq = seq << 8U | static_cast<std::uint8_t>(data[i]);
     }
     return seq;
-}
-
-inline std::vector<std::uint8_t> tpa(bool wait_for_target, bool target_reached) {
-    ecu::kora::pb::TPAStatus body;
-    body.set_wait_for_target(wait_for_target);
-    body.set_target_reached(target_reached);
-    return framed(body);
 }
 
 }  // namespace ipcd_test

@@ -1,19 +1,20 @@
 #pragma once
 
 // The real parts, for the integration, end-to-end and fault tests and the
-// system benchmark: processes, a private mosquitto, TLS material, a plain MQTT
-// peer, and ipcd with its ports.
+// system benchmark: processes, a private mosquitto, TLS material, MQTT
+// clients, and ipcd with its ports and tools.
 
-#include <mosquitto.h>
 #include <sys/types.h>
 
 #include <atomic>
+#include <map>
 #include <csignal>
-#include <condition_variable>
 #include <memory>
 #include <optional>
-#include <set>
 
+#include <nlohmann/json.hpp>
+
+#include "mqtt_client.h"
 #include "record_format.h"
 #include "support.h"
 
@@ -95,45 +96,18 @@ private:
     TempDir m_dir;
 };
 
-struct Received {
-    std::string topic;
-    std::vector<std::uint8_t> payload;
-    int qos;
-    bool retained;
+// The product's MQTT client on 127.0.0.1:port with settings over the
+// defaults, as ipcd makes it; null when the settings are refused.
+struct Client {
+    Client(int port, const std::map<std::string, std::string>& settings = {});
+    ecu::kora::com::MqttClient* operator->() const { return client.get(); }
+    std::unique_ptr<ecu::kora::config::Configuration> config;  // must outlive the client
+    std::shared_ptr<ecu::kora::com::MqttClient> client;
 };
 
-// A plain libmosquitto client, as a client application or the platform uses
-// one. It renews its subscriptions on every connection, so it follows a
-// broker restart. With a handler every message goes to it (on the client's
-// thread); without, they are kept for received().
-class MqttPeer {
-public:
-    using Handler = std::function<void(const mosquitto_message&)>;
-    explicit MqttPeer(int port, Handler handler = {});
-    ~MqttPeer();
-    MqttPeer(const MqttPeer&) = delete;
-    MqttPeer& operator=(const MqttPeer&) = delete;
-    void subscribe(const std::string& topic, int qos = 1);  // waits for the SUBACK
-    // Waits until the message has left (QoS 0) or been acknowledged.
-    void publish(const std::string& topic, const std::vector<std::uint8_t>& payload, int qos = 0,
-                 bool retained = false);
-    std::vector<Received> received(const std::string& topic = {}) const;  // all, or one topic's
-    bool wait_for(const std::string& topic, std::size_t count = 1,
-                  std::chrono::milliseconds deadline = 10s) const {
-        return wait_until([&] { return received(topic).size() >= count; }, deadline);
-    }
-
-private:
-    void wait_done(int mid);
-
-    mosquitto* m_mosq;
-    Handler m_handler;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_cv;
-    std::vector<std::pair<std::string, int>> m_subscriptions;
-    std::vector<Received> m_received;
-    std::set<int> m_done;  // acknowledged mids nobody has waited for yet
-};
+// ipcd-ctl watch --json with args (options, then topics), once it watches.
+std::unique_ptr<Process> watch(int port, std::vector<std::string> args);
+std::vector<nlohmann::json> json_lines(const std::string& text);  // one value per line
 
 // The real ipcd with its ports: two FIFOs of its own, a catalogue and a
 // notification socket. TX is open for reading before ipcd starts (it opens TX
@@ -190,8 +164,8 @@ private:
 Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl with the sample catalogue
 
 // Requests rt/vehicle/gear (RT id 21, not retained) and releases the
-// earlybird queue through the broker at port: its records are then relayed
-// as they come.
+// earlybird queue with ipcd-ctl through the broker at port: its records are
+// then relayed as they come.
 void release(Daemon& daemon, int port);
 
 }  // namespace ipcd_test

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <map>
+#include <sstream>
 #include <stdexcept>
 
 #include "harness.h"
@@ -87,9 +88,30 @@ Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>
 }
 
 Outcome ctl(int port, std::vector<std::string> args) {
-    args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port),
-                               "--catalogue", g_sample_catalogue});
+    args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
+                               g_sample_catalogue});
     return run(args);
+}
+
+std::unique_ptr<Process> watch(int port, std::vector<std::string> args) {
+    args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
+                               g_sample_catalogue, "watch", "--json"});
+    auto p = std::make_unique<Process>(args);
+    // One that is done before its marker came back (retained messages only) never says so.
+    if (!wait_until(
+            [&] { return p->err().find("watching") != std::string::npos || !p->running(); })) {
+        throw std::runtime_error("ipcd-ctl does not watch: " + p->err());
+    }
+    return p;
+}
+
+std::vector<nlohmann::json> json_lines(const std::string& text) {
+    std::vector<nlohmann::json> values;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        values.push_back(nlohmann::json::parse(line));
+    }
+    return values;
 }
 
 }  // namespace ipcd_test

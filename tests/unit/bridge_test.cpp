@@ -6,16 +6,14 @@
 #include "fake_transport.h"
 #include "frames.h"
 #include "ipcd.h"
-#include "support.h"
 #include "logging.h"
+#include "support.h"
 
 namespace com = ecu::kora::com;
 namespace logging = ecu::kora::logging;
 namespace pb = ecu::kora::pb;
 using ecu::kora::ipc::IpcSignal;
-using ipcd_test::announcement;
-using ipcd_test::tpa;
-using Bytes = std::vector<std::uint8_t>;
+using namespace ipcd_test;
 using Topics = std::vector<std::string>;
 
 namespace {
@@ -29,26 +27,8 @@ const char* const g_catalogue = R"({"groups": [
    "signals": [{"name": "A", "offset": 0, "size": 2}, {"name": "B", "offset": 4, "size": 2}]},
   {"topic": "rt/r", "id": 12, "retained": true, "size": 4, "signals": []}]})";
 
-com::Message msg(Bytes payload) {
-    com::Message m;
-    m.payload = std::move(payload);
-    return m;
-}
-
 IpcSignal record(std::uint32_t id, Bytes data = {1, 2}, std::uint64_t timestamp = 1000) {
     return {id, 7, timestamp, std::move(data)};
-}
-
-com::Message rttx(std::initializer_list<std::pair<const char*, Bytes>> values,
-                  std::uint64_t timestamp) {
-    pb::SignalGroupData body;
-    body.set_timestamp(timestamp);
-    for (const auto& [name, data] : values) {
-        auto* value = body.add_signals();
-        value->set_name(name);
-        value->set_data(data.data(), data.size());
-    }
-    return msg(ipcd_test::framed(body));
 }
 
 class Bridge : public ::testing::Test {
@@ -59,22 +39,22 @@ protected:
         bridge.reset();
         ecu::kora::rt::SignalAdapter::instance().load(dir.write("catalogue.json", catalogue));
         log.clear();
-        fake = std::make_shared<ipcd_test::FakeTransport>();
+        fake = std::make_shared<FakeTransport>();
         std::shared_ptr<com::ITransportClient> client = fake;
         bridge = std::make_unique<ecu::kora::ipcd::IPCd>(client);
         EXPECT_FALSE(client);  // taken over
     }
     void release() {
-        bridge->message("system/tpa/status", msg(tpa(true, true)));
+        bridge->message("system/tpa/status", message(tpa(true, true)));
         ASSERT_TRUE(log.wait_for("Earlybird message processing done."));
     }
     pb::RtSignal relayed(std::size_t i) const {
-        return ipcd_test::unframed<pb::RtSignal>(fake->published().at(i).second.payload);
+        return unframed<pb::RtSignal>(fake->published().at(i).second.payload);
     }
 
-    ipcd_test::TempDir dir;
-    ipcd_test::LogCapture log;
-    std::shared_ptr<ipcd_test::FakeTransport> fake;
+    TempDir dir;
+    LogCapture log;
+    std::shared_ptr<FakeTransport> fake;
     std::unique_ptr<ecu::kora::ipcd::IPCd> bridge;
 };
 
@@ -165,14 +145,10 @@ TEST_F(Bridge, DiagnosticLines) {
     bridge->m_log_queue_size = true;
     bridge->consume(record(1, {1, 2, 3, 4, 5, 6}, 9));
     bridge->consume(record(1, {1, 2}, 10));
-    bridge->consume(record(1, {}, 11));
     ecu::kora::ipcd::g_time_sync_id = 0;
-    Topics sizes;
-    for (const auto& line : log.find("QUEUE-SIZE")) {
-        sizes.push_back(line.text);
-    }
-    EXPECT_EQ(sizes, (Topics{"QUEUE-SIZE: 67305985 timestamp: 9", "QUEUE-SIZE: 513 timestamp: 10",
-                             "QUEUE-SIZE: 0 timestamp: 11"}));
+    EXPECT_EQ(log.find("QUEUE-SIZE").size(), 2U);
+    EXPECT_TRUE(log.has(logging::notice, "QUEUE-SIZE: 67305985 timestamp: 9"));
+    EXPECT_TRUE(log.has(logging::notice, "QUEUE-SIZE: 513 timestamp: 10"));
 }
 
 TEST_F(Bridge, EarlybirdKeepsArrivalOrderAcrossBatchesAndReadsRequestedAtDrain) {
@@ -182,7 +158,7 @@ TEST_F(Bridge, EarlybirdKeepsArrivalOrderAcrossBatchesAndReadsRequestedAtDrain) 
         bridge->consume(record(11, {i}));
     }
     // Requested after queueing but before the target: its records go out.
-    bridge->message("subscription/announcement", msg(announcement({"rt/a"})));
+    bridge->message("subscription/announcement", message(announcement({"rt/a"})));
     // The flush is held in its first publish while more records come: they
     // form a second batch behind the first.
     std::mutex gate;
@@ -193,8 +169,8 @@ TEST_F(Bridge, EarlybirdKeepsArrivalOrderAcrossBatchesAndReadsRequestedAtDrain) 
             std::lock_guard<std::mutex> wait(gate);
         }
     };
-    bridge->message("system/tpa/status", msg(tpa(false, false)));
-    ASSERT_TRUE(ipcd_test::wait_until([&] { return publishes > 0; }));
+    bridge->message("system/tpa/status", message(tpa(false, false)));
+    ASSERT_TRUE(wait_until([&] { return publishes > 0; }));
     bridge->consume(record(10, {3}));
     bridge->consume(record(11, {3}));
     hold.unlock();
@@ -216,11 +192,11 @@ TEST_F(Bridge, EarlybirdKeepsArrivalOrderAcrossBatchesAndReadsRequestedAtDrain) 
 
 TEST_F(Bridge, TargetStatusRules) {
     bridge->start_earlybird_thread();
-    bridge->message("system/tpa/status", msg(tpa(true, false)));  // waiting: held
+    bridge->message("system/tpa/status", message(tpa(true, false)));  // waiting: held
     bridge->message("system/tpa/status", com::Message{});
     EXPECT_TRUE(log.has(logging::warning, "Failed to deserialize: system/tpa/status"));
     EXPECT_FALSE(log.wait_for("processing done", 100ms));
-    bridge->message("system/tpa/status", msg(ipcd_test::framed(pb::TPAStatus{})));  // nothing set
+    bridge->message("system/tpa/status", message(framed(pb::TPAStatus{})));  // nothing set
     EXPECT_TRUE(log.wait_for("Earlybird message processing done."));
 
     make_bridge(g_catalogue);  // a failed publish is not counted as published
@@ -234,7 +210,7 @@ TEST_F(Bridge, TargetStatusRules) {
               1U);
 
     make_bridge(g_catalogue);  // reported before the thread waits: no block
-    bridge->message("system/tpa/status", msg(tpa(true, true)));
+    bridge->message("system/tpa/status", message(tpa(true, true)));
     bridge->start_earlybird_thread();
     ASSERT_TRUE(log.wait_for("Earlybird message processing done."));
     EXPECT_EQ(log.find("(queue size: 0)").size(), 1U);
@@ -242,26 +218,25 @@ TEST_F(Bridge, TargetStatusRules) {
 
 TEST_F(Bridge, StatusIsPublishedOnlyWhenTheRequestedCountGrows) {
     logging::configure_logging("INFO");
-    bridge->message("subscription/announcement", msg(announcement({"rt/b", "rt/a", "rt/b"})));
+    bridge->message("subscription/announcement", message(announcement({"rt/b", "rt/a", "rt/b"})));
     ASSERT_EQ(fake->published_topics(), Topics{"system/ipc/subscriptions"});
     EXPECT_EQ(fake->published()[0].second.qos, 1);
     EXPECT_TRUE(fake->published()[0].second.retained);
-    const auto status =
-        ipcd_test::unframed<pb::SubscriptionStatus>(fake->published()[0].second.payload);
+    const auto status = unframed<pb::SubscriptionStatus>(fake->published()[0].second.payload);
     EXPECT_EQ(Topics(status.topics().begin(), status.topics().end()), (Topics{"rt/a", "rt/b"}));
     EXPECT_EQ(status.topic_count(), 4U);
     EXPECT_EQ(status.requested_count(), 2U);
     EXPECT_EQ(log.find("Client App request data for: rt/b").size(), 2U);
-    bridge->message("subscription/announcement", msg(announcement({"rt/a"})));
+    bridge->message("subscription/announcement", message(announcement({"rt/a"})));
     bridge->message("subscription/announcement",
-                    msg(announcement({"rt", "vehicle/x", "rt/unknown"})));
+                    message(announcement({"rt", "vehicle/x", "rt/unknown"})));
     EXPECT_EQ(fake->published().size(), 1U);
     EXPECT_EQ(log.find("non rt-topic (ignored): ").size(), 2U);
     EXPECT_EQ(log.find("non recognized rt-topic(ignored): rt/unknown").size(), 1U);
     ecu::kora::rt::SignalAdapter::instance().load(  // a topic learnt after the map was built
         dir.write("later.json",
                   R"({"groups": [{"topic": "rt/new", "id": 77, "size": 1, "signals": []}]})"));
-    bridge->message("subscription/announcement", msg(announcement({"rt/new"})));
+    bridge->message("subscription/announcement", message(announcement({"rt/new"})));
     EXPECT_EQ(log.find("missing in subscription map (ignored): rt/new").size(), 1U);
     bridge->message("subscription/announcement", com::Message{});
     EXPECT_TRUE(log.has(logging::error,
@@ -272,13 +247,13 @@ TEST_F(Bridge, StatusIsPublishedOnlyWhenTheRequestedCountGrows) {
 TEST_F(Bridge, SystemStateAndDispatch) {
     logging::configure_logging("DEBUG");
     pb::RtSignal state;
-    bridge->message("system/state/rt", msg(ipcd_test::framed(state)));
+    bridge->message("system/state/rt", message(framed(state)));
     state.set_data("\x03");
-    bridge->message("system/state/rt", msg(ipcd_test::framed(state)));
+    bridge->message("system/state/rt", message(framed(state)));
     EXPECT_TRUE(log.has(logging::debug, "system-state value: '0'"));
     EXPECT_TRUE(log.has(logging::debug, "system-state value: '3'"));
     EXPECT_FALSE(bridge->m_reader.stop_requested);
-    bridge->message("system/state/rt", msg(Bytes(17, 0xff)));
+    bridge->message("system/state/rt", message(Bytes(17, 0xff)));
     EXPECT_TRUE(log.has(logging::error,
                         "Unable to deserialize message on system/state/rt topic. error(1)"));
     bridge->message("rttx", com::Message{});
@@ -289,7 +264,7 @@ TEST_F(Bridge, SystemStateAndDispatch) {
     EXPECT_TRUE(log.has(logging::error, "Unable to find id for 'rt/', unable to send data to RT."));
     EXPECT_TRUE(log.has(logging::debug, "Message received on topic: 'rttx/"));
     state.set_data("\x04\x09");
-    bridge->message("system/state/rt", msg(ipcd_test::framed(state)));
+    bridge->message("system/state/rt", message(framed(state)));
     EXPECT_TRUE(log.has(logging::notice, "Received shutdown indication!"));
     EXPECT_TRUE(bridge->m_reader.stop_requested);
 }
@@ -298,13 +273,14 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
     logging::configure_logging("DEBUG");
     bridge->m_log_rt_signals = {10};
     ASSERT_TRUE(bridge->m_writer.open(dir.write("tx", "")));
-    bridge->message("rttx/a", rttx({{"A", {9, 9}}, {"Z", {1}}}, 1));  // fails: no cache entry
+    bridge->message("rttx/a", message(group_data({{"A", "\x09\x09"}, {"Z", "\x01"}},
+                                                 1)));  // fails: no cache entry
     EXPECT_TRUE(log.has(logging::error, "Unpacking of SignalGroup for topic 'rt/a' failed"));
     EXPECT_EQ(bridge->m_tx_groups.count("rt/a"), 0U);
-    bridge->message("rttx/a", rttx({{"B", {3, 4}}}, 100));
-    bridge->message("rttx/a", rttx({{"A", {1, 2}}}, 200));
-    bridge->message("rttx/a", rttx({{"B", {5}}}, 300));
-    const std::string bytes = ipcd_test::read_file(dir.file("tx"));
+    bridge->message("rttx/a", message(group_data({{"B", "\x03\x04"}}, 100)));
+    bridge->message("rttx/a", message(group_data({{"A", "\x01\x02"}}, 200)));
+    bridge->message("rttx/a", message(group_data({{"B", "\x05"}}, 300)));
+    const std::string bytes = read_file(dir.file("tx"));
     ecu::kora::ipc::RecordDecoder decoder;
     decoder.feed(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     const Bytes images[] = {
@@ -317,12 +293,8 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
         EXPECT_EQ(r.tag, 0U);
         EXPECT_EQ(r.timestamp, 100 * (i + 1));  // the message's own
     }
-    const auto lines = log.lines();
-    const auto send = std::find_if(lines.begin(), lines.end(), [](const auto& l) {
-        return l.text == "[RT_SIGNAL_LOG] send: 10";
-    });
-    ASSERT_NE(send, lines.end());
-    EXPECT_EQ((send + 1)->text, "Send data to RT for topic 'rttx/a' (rt id: 10)");
+    EXPECT_TRUE(log.has(logging::debug, "[RT_SIGNAL_LOG] send: 10"));
+    EXPECT_TRUE(log.has(logging::info, "Send data to RT for topic 'rttx/a' (rt id: 10)"));
 }
 
 }  // namespace

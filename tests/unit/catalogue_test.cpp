@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "frames.h"
-#include "support.h"
 #include "logging.h"
 #include "signal_adapter.h"
+#include "support.h"
 
 namespace {
 
@@ -22,18 +22,7 @@ const char* const g_catalogue = R"({"version": 3, "groups": [
 
 ecu::kora::com::Message frame(std::initializer_list<std::pair<const char*, std::string>> values,
                               std::uint64_t timestamp = 0) {
-    ecu::kora::pb::SignalGroupData data;
-    if (timestamp != 0) {
-        data.set_timestamp(timestamp);
-    }
-    for (const auto& [name, value] : values) {
-        auto* signal = data.add_signals();
-        signal->set_name(name);
-        signal->set_data(value);
-    }
-    ecu::kora::com::Message m;
-    m.payload = ipcd_test::framed(data);
-    return m;
+    return ipcd_test::message(ipcd_test::group_data(values, timestamp));
 }
 
 TEST(Catalogue, LoadsLooksUpAndRefusesWhatCannotWork) {
@@ -65,7 +54,9 @@ TEST(Catalogue, LoadsLooksUpAndRefusesWhatCannotWork) {
         ASSERT_EQ(log.lines().size(), 1U) << reason;
         EXPECT_EQ(log.lines()[0].severity, ecu::kora::logging::error);
         const std::string text_out = log.lines()[0].text;
-        EXPECT_NE(text_out.find("Signal catalogue '" + dir.file("bad.json") + "': "), std::string::npos) << text_out;
+        EXPECT_NE(text_out.find("Signal catalogue '" + dir.file("bad.json") + "': "),
+                  std::string::npos)
+            << text_out;
         EXPECT_NE(text_out.find(reason), std::string::npos) << text_out;
         EXPECT_TRUE(adapter.get_topics("").empty());
     }

@@ -3,15 +3,17 @@
 #include <gtest/gtest.h>
 
 #include "date_time.h"
-#include "support.h"
+#include "frames.h"
 #include "logging.h"
 #include "message_adapter.h"
 #include "rt_signal_frame.h"
+#include "support.h"
 
 namespace ecu::kora::com {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using ipcd_test::Bytes;
+using ipcd_test::message;
 using Error = PbInternalDeserializationError;
 
 // A frame as any program writes it: fixed64 fields 1 (type | header length <<
@@ -29,12 +31,6 @@ Bytes frame(std::uint64_t type, std::uint64_t header_length, std::uint64_t body_
     }
     out.insert(out.end(), body.begin(), body.end());
     return out;
-}
-
-Message message(Bytes payload) {
-    Message m;
-    m.payload = std::move(payload);
-    return m;
 }
 
 pb::RtSignal rt_signal(std::size_t data_size = 3) {

@@ -4,8 +4,8 @@
 
 #include <future>
 
-#include "support.h"
 #include "outbox.h"
+#include "support.h"
 
 namespace ecu::kora::com {
 namespace {

@@ -7,8 +7,8 @@
 
 #include "build_configuration.h"
 #include "command_line.h"
-#include "support.h"
 #include "logging.h"
+#include "support.h"
 
 namespace ipcd = ecu::kora::ipcd;
 namespace logging = ecu::kora::logging;
