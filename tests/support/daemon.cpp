@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
 
 #include "frames.h"
@@ -35,12 +34,7 @@ Daemon::~Daemon() {
 }
 
 void Daemon::start(std::vector<std::string> extra, std::vector<std::string> env,
-                   const std::string& wrapper) {
-    std::vector<std::string> argv;
-    std::istringstream words(wrapper);
-    for (std::string w; words >> w;) {
-        argv.push_back(w);
-    }
+                   std::vector<std::string> argv) {
     argv.insert(argv.end(), {g_ipcd, "-L", "-H", "127.0.0.1", "-p", std::to_string(m_port), "-r",
                              m_dir.file("rx"), "-t", m_dir.file("tx")});
     argv.insert(argv.end(), extra.begin(), extra.end());

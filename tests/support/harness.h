@@ -7,8 +7,8 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <map>
 #include <csignal>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -68,7 +68,6 @@ class Broker {
 public:
     explicit Broker(std::string extra_config = {});
     int port() const { return m_port; }
-    pid_t pid() const { return m_process->pid(); }
     void stop(bool hard = false);  // SIGTERM, or SIGKILL when hard; waits for the end
     void start();                  // again, on the same ports
     void pause() { m_process->signal(SIGSTOP); }  // connections stay, nothing is answered
@@ -118,10 +117,10 @@ public:
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
-    // ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX, then extra; a wrapper (e.g.
-    // "valgrind --tool=callgrind") goes in front. Waits for READY=1 and RX.
+    // [wrapper...] ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX [extra...], e.g. under
+    // valgrind. Waits for READY=1 and RX.
     void start(std::vector<std::string> extra = {}, std::vector<std::string> env = {},
-               const std::string& wrapper = {});
+               std::vector<std::string> wrapper = {});
     void write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
                       std::uint64_t timestamp = 1);
     void write_raw(const std::vector<std::uint8_t>& bytes);
