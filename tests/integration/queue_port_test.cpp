@@ -22,13 +22,19 @@ Bytes encoded(std::uint32_t id, std::size_t size) {
     return out;
 }
 
-struct Collector : IDataConsumer<IpcSignal> {
+// An RX port reading path on its own thread, and what it delivered; stopped
+// and joined when it goes. stop_at_first: it asks itself to stop on a record.
+struct Reader : IDataConsumer<IpcSignal> {
+    explicit Reader(const std::string& path, bool stop_at_first = false)
+        : stop_at(stop_at_first), opened(port.open(path)), thread([this] { port.read_loop(); }) {}
+    ~Reader() override {
+        port.stop_requested = true;
+        thread.join();
+    }
     void consume(const IpcSignal& s) override {
         std::lock_guard<std::mutex> lock(mutex);
         ids.push_back(s.id);
-        if (stop_on_consume != nullptr) {
-            *stop_on_consume = true;
-        }
+        port.stop_requested = port.stop_requested || stop_at;
     }
     void finished() override { ++finished_count; }
     void resynchronised(std::size_t skipped) override { resyncs.push_back(skipped); }
@@ -36,26 +42,15 @@ struct Collector : IDataConsumer<IpcSignal> {
         std::lock_guard<std::mutex> lock(mutex);
         return ids.size();
     }
+    bool wait_finished() {
+        return wait_until([&] { return finished_count > 0; });
+    }
     std::mutex mutex;
     std::vector<std::uint32_t> ids;
     std::vector<std::size_t> resyncs;
     std::atomic<int> finished_count{0};
-    std::atomic<bool>* stop_on_consume = nullptr;
-};
-
-// An RX port reading on its own thread; stopped and joined when it goes.
-struct Reader {
-    explicit Reader(const std::string& path)
-        : opened(port.open(path)), thread([this] { port.read_loop(); }) {}
-    ~Reader() {
-        port.stop_requested = true;
-        thread.join();
-    }
-    bool wait_finished() {
-        return wait_until([&] { return consumer.finished_count > 0; });
-    }
-    Collector consumer;
-    RxQueuePort port{consumer};
+    bool stop_at;
+    RxQueuePort port{*this};
     bool opened;
     std::thread thread;
 };
@@ -68,25 +63,24 @@ TEST(QueuePort, ReaderDeliversAcrossReadsAndReportsEachDamageStretchOnce) {
     LogCapture log;
     TempDir dir;
     Reader reader(dir.fifo("rx"));
-    EXPECT_FALSE(wait_until([&] { return reader.consumer.finished_count > 0; },
-                            200ms));  // no writer yet: waited for
+    EXPECT_FALSE(wait_until([&] { return reader.finished_count > 0; }, 200ms));  // no writer yet
     const int fd = ::open(dir.file("rx").c_str(), O_WRONLY | O_CLOEXEC);
     const Bytes first = encoded(1, 30);
     write_all(fd, Bytes(first.begin(), first.begin() + 10));
     ASSERT_TRUE(wait_until([&] { return reader.port.rounds() > 2; }));
     write_all(fd, Bytes(first.begin() + 10, first.end()));
-    ASSERT_TRUE(wait_until([&] { return reader.consumer.count() == 1; }));
+    ASSERT_TRUE(wait_until([&] { return reader.count() == 1; }));
     write_all(fd, Bytes(20, 0xAB));  // one stretch of damage over two reads
     ASSERT_TRUE(wait_until([&] { return reader.port.rounds() > 6; }));
     write_all(fd, Bytes(17, 0xAB));
     write_all(fd, encoded(2, 8));
     ::close(fd);
     ASSERT_TRUE(reader.wait_finished());
-    EXPECT_EQ(reader.consumer.ids, (std::vector<std::uint32_t>{1, 2}));
-    EXPECT_EQ(reader.consumer.resyncs, std::vector<std::size_t>{37});
+    EXPECT_EQ(reader.ids, (std::vector<std::uint32_t>{1, 2}));
+    EXPECT_EQ(reader.resyncs, std::vector<std::size_t>{37});
     ASSERT_EQ(log.find("out of step").size(), 1U);
     EXPECT_EQ(log.find("out of step")[0].severity, ecu::kora::logging::error);
-    EXPECT_EQ(reader.consumer.finished_count, 1);
+    EXPECT_EQ(reader.finished_count, 1);
 }
 
 TEST(QueuePort, FileIsReplayedAndEndsAndStopsArePrompt) {
@@ -99,25 +93,24 @@ TEST(QueuePort, FileIsReplayedAndEndsAndStopsArePrompt) {
     }
     const Bytes cut = encoded(99, 10);
     file.insert(file.end(), cut.begin(), cut.begin() + 13);
+    dir.write("replay", std::string(file.begin(), file.end()));
     {
-        Reader reader(dir.write("replay", std::string(file.begin(), file.end())));
+        Reader reader(dir.file("replay"));
         ASSERT_TRUE(reader.wait_finished());
-        EXPECT_EQ(reader.consumer.count(), 200U);
+        EXPECT_EQ(reader.count(), 200U);
         EXPECT_EQ(log.find("skipped 13 bytes").size(), 1U);  // the cut record at the end
     }
-    Collector consumer;  // asked to stop with a backlog: ends within a queue's depth
-    RxQueuePort port(consumer);
-    consumer.stop_on_consume = &port.stop_requested;
-    ASSERT_TRUE(port.open(dir.file("replay")));
-    port.read_loop();
-    EXPECT_LE(consumer.count(), 24U);
-    EXPECT_EQ(consumer.finished_count, 1);
+    {
+        Reader stopped(dir.file("replay"), true);  // with a backlog: ends within a queue's depth
+        ASSERT_TRUE(stopped.wait_finished());
+        EXPECT_LE(stopped.count(), 24U);
+    }
     Reader idle(dir.fifo("idle"));  // idle with a silent writer: the stop is seen
     const int fd = ::open(dir.file("idle").c_str(), O_WRONLY | O_CLOEXEC);
     idle.port.stop_requested = true;
     EXPECT_TRUE(idle.wait_finished());
     ::close(fd);
-    EXPECT_FALSE(port.open("/nonexistent/rx"));
+    EXPECT_FALSE(idle.port.open("/nonexistent/rx"));
     EXPECT_EQ(log.find("/nonexistent/rx: No such file or directory").size(), 1U);
 }
 
@@ -135,8 +128,8 @@ TEST(QueuePort, WriterRoundTripAndFailures) {
              {IpcSignal{1, 0, 0, {}}, IpcSignal{2, 0, 0, Bytes(record_max_payload)}}) {
             ASSERT_TRUE(writer.transmit_data(s));  // a large one goes in parts, never torn
         }
-        ASSERT_TRUE(wait_until([&] { return reader.consumer.count() == 2; }));
-        EXPECT_TRUE(reader.consumer.resyncs.empty());
+        ASSERT_TRUE(wait_until([&] { return reader.count() == 2; }));
+        EXPECT_TRUE(reader.resyncs.empty());
     }
     const int rfd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_TRUE(writer.open(path));

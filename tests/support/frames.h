@@ -71,14 +71,4 @@ inline Bytes seq_payload(std::uint64_t seq, std::size_t size = 16) {
     return data;
 }
 
-// The number of a relayed seq_payload record (a framed RtSignal).
-inline std::uint64_t seq_of(const Bytes& framed_rt_signal) {
-    const std::string data = unframed<ecu::kora::pb::RtSignal>(framed_rt_signal).data();
-    std::uint64_t seq = 0;
-    for (std::size_t i = std::min<std::size_t>(data.size(), 8); i-- > 0;) {
-        seq = seq << 8U | static_cast<std::uint8_t>(data[i]);
-    }
-    return seq;
-}
-
 }  // namespace ipcd_test

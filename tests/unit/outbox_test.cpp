@@ -106,8 +106,12 @@ TEST(Outbox, HoldsPublishersAtTheBound) {
     box.written(1);
     EXPECT_EQ(third.get(), 1);
     EXPECT_EQ(box.pending_high_water(), 3U);
-    box.disconnected();  // QoS 0 messages on their way are lost with it
+    auto fourth = std::async(std::launch::async, [&] { return box.publish("t", msg("4"), false); });
+    EXPECT_EQ(fourth.wait_for(100ms), std::future_status::timeout);
+    box.disconnected();  // QoS 0 messages on their way are lost with it; the waiter is kept
+    EXPECT_EQ(fourth.get(), 1);
     EXPECT_EQ(box.pending(), 0U);
+    EXPECT_EQ(box.offline_queued(), 1U);
 }
 
 TEST(Outbox, FailuresAndClose) {
