@@ -129,4 +129,24 @@ TEST(Transport, DeliveryRules) {
     late->stop();
 }
 
+// A TLS error while reconnecting (a plain broker on the TLS port for a while)
+// does not end reconnecting.
+TEST(Transport, ReconnectsAfterATlsErrorOnTheWay) {
+    LogCapture log;
+    TlsFiles tls;
+    const int port = free_port();
+    Broker broker(tls.listener(port));
+    Client t(port,
+             {{"tls_cafile", tls.file("ca.crt")}, {"username", "ipcd"}, {"password", "Hunter2"}});
+    ASSERT_TRUE(t->connect());
+    broker.stop();
+    {
+        Broker plain("listener " + std::to_string(port) + " 127.0.0.1\nallow_anonymous true\n");
+        ASSERT_TRUE(log.wait_for("ended: A TLS error"));
+    }
+    broker.start();
+    EXPECT_TRUE(log.wait_for("re-established"));
+    t->stop();
+}
+
 }  // namespace

@@ -80,6 +80,7 @@ private:
     void handle_message(const mosquitto_message& message);
     bool configure_session();
     std::string failure_reason();
+    void network_loop();
     void shut_down_loop();
     bool on_network_thread() const;
     void resubscribe_all();
@@ -89,6 +90,7 @@ private:
     Outbox m_outbox;
     mosquitto* m_mosq = nullptr;
     std::atomic<std::thread::id> m_network_thread{};
+    std::thread m_network;
 
     // Guards the session state below; m_cv signals the CONNACK, the end of
     // the first attempt and the start of deliveries.

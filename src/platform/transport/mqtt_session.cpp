@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <pthread.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -142,14 +143,8 @@ bool MqttClient::connect() {
         m_loop_running = true;
     }
     m_outbox.open();
-    rc = mosquitto_loop_start(m_mosq);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        logging::ERROR << log_module() << "cannot start the network thread: " << describe(rc);
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_state = State::closed;
-        m_loop_running = false;
-        return false;
-    }
+    mosquitto_threaded_set(m_mosq, true);
+    m_network = std::thread([this] { network_loop(); });
 
     std::unique_lock<std::mutex> lock(m_mutex);
     m_cv.wait_for(lock, g_connack_timeout,
@@ -190,6 +185,25 @@ std::string MqttClient::failure_reason() {
     return "no CONNACK within " + std::to_string(g_connack_timeout.count()) + " s";
 }
 
+// libmosquitto's loop ends for good after some errors while it reconnects (a
+// TLS or protocol error, e.g. from a broker that is half up), although the
+// broker may well come back: once connected, it is run again until stopped.
+void MqttClient::network_loop() {
+    for (;;) {
+        const int rc = mosquitto_loop_forever(m_mosq, 1000, 1);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_state != State::running || !m_ever_connected) {
+            return;
+        }
+        logging::WARNING << log_module() << "network loop for broker " << where()
+                         << " ended: " << describe(rc) << "; reconnecting";
+        if (m_cv.wait_for(lock, std::chrono::seconds(g_reconnect_delay_s),
+                          [this] { return m_state != State::running; })) {
+            return;
+        }
+    }
+}
+
 void MqttClient::shut_down_loop() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -217,16 +231,16 @@ void MqttClient::shut_down_loop() {
         std::lock_guard<std::mutex> lock(m_mutex);
         connected_once = m_ever_connected;
     }
-    int rc = mosquitto_loop_stop(m_mosq, !connected_once);
+    if (!connected_once) {
+        pthread_cancel(m_network.native_handle());
+    }
+    m_network.join();
     {
         std::lock_guard<std::mutex> lock(nudge_mutex);
         joined = true;
     }
     nudge_cv.notify_all();
     nudger.join();
-    if (rc != MOSQ_ERR_SUCCESS) {
-        logging::WARNING << log_module() << "stopping the network thread: " << describe(rc);
-    }
     std::lock_guard<std::mutex> lock(m_mutex);
     m_loop_running = false;
     m_cv.notify_all();
