@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "harness.h"
 
 using namespace ipcd_test;
@@ -78,15 +76,6 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
             EXPECT_EQ(r.out.substr(0, at).find(c.not_before), std::string::npos) << c.line;
         }
     }
-}
-
-TEST(StartUp, VersionStampHasItsFiveFields) {
-    const Outcome r = run({g_ipcd, "-V"});
-    EXPECT_TRUE(std::regex_match(
-        r.out, std::regex("IPCd version: \\S+ - \\d+\\.\\d+\\.\\d+ - ([0-9a-f]{7}|unknown) - "
-                          "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d [+-]\\d{4}|unknown) - "
-                          "[A-Z]+\n")))
-        << r.out;
 }
 
 }  // namespace

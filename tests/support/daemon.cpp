@@ -8,7 +8,6 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "frames.h"
 #include "harness.h"
 
 namespace ipcd_test {
@@ -106,15 +105,16 @@ std::vector<ecu::kora::ipc::IpcSignal> Daemon::tx_records(std::size_t count) {
     return m_tx_out;
 }
 
-RecordStream::RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second)
-    : m_thread([this, &daemon, id, per_second] {
+RecordStream::RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second,
+                           std::size_t payload_size)
+    : m_thread([this, &daemon, id, per_second, payload_size] {
           const auto start = std::chrono::steady_clock::now();
           try {
               for (std::uint64_t seq = 0; !m_stop; std::this_thread::sleep_for(1ms)) {
                   const auto due = static_cast<std::uint64_t>(
                       (std::chrono::steady_clock::now() - start) / 1us * per_second / 1000000);
                   for (; seq < due && !m_stop; m_written = ++seq) {
-                      daemon.write_record(id, seq_payload(seq), seq);
+                      daemon.write_record(id, Bytes(payload_size, 0x5A), seq);
                   }
               }
           } catch (const std::exception&) {

@@ -2,16 +2,14 @@
 
 // Broker messages and bodies built and read as clients and the platform do it.
 
-#include <algorithm>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "message_adapter.h"
+#include "support.h"
 
 namespace ipcd_test {
-
-using Bytes = std::vector<std::uint8_t>;
 
 template <typename Payload>
 ecu::kora::com::Message message(const Payload& payload, int qos = 0, bool retained = false) {
@@ -60,15 +58,6 @@ inline Bytes group_data(std::initializer_list<std::pair<const char*, std::string
         value->set_data(data);
     }
     return framed(body);
-}
-
-// The data of record seq of a stream: its number, then filler up to size.
-inline Bytes seq_payload(std::uint64_t seq, std::size_t size = 16) {
-    Bytes data(std::max<std::size_t>(size, 8), 0x5A);
-    for (std::size_t i = 0; i < 8; ++i) {
-        data[i] = static_cast<std::uint8_t>(seq >> (8 * i));
-    }
-    return data;
 }
 
 }  // namespace ipcd_test

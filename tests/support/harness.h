@@ -4,15 +4,13 @@
 // system benchmark: processes, a private mosquitto, TLS material, MQTT
 // clients, and ipcd with its ports and tools.
 
-#include <sys/types.h>
+#include <signal.h>
 
 #include <atomic>
-#include <csignal>
 #include <map>
 #include <memory>
-#include <optional>
-
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "mqtt_client.h"
 #include "record_format.h"
@@ -20,14 +18,16 @@
 
 namespace ipcd_test {
 
-inline const std::string g_ipcd = IPCD_BINARY;
+// The binaries under test; the benchmark may measure another ipcd.
+inline const std::string g_ipcd =
+    std::getenv("BENCH_IPCD") ? std::getenv("BENCH_IPCD") : IPCD_BINARY;
 inline const std::string g_sim = IPCD_SIM_BINARY;
 inline const std::string g_ctl = IPCD_CTL_BINARY;
 inline const std::string g_sample_catalogue = IPCD_SAMPLE_CATALOGUE;
 
-// A child process; its output goes to files of its own. It dies with the test
-// process, and its process group with the Process: a timed-out test leaves
-// nothing behind. env: "NAME=value", added to or replacing the current ones.
+// A child process writing to files of its own, with env ("NAME=value") over
+// the current environment. It dies with the test process, and its process
+// group with the Process: a timed-out test leaves nothing behind.
 class Process {
 public:
     explicit Process(std::vector<std::string> argv, const std::vector<std::string>& env = {});
@@ -38,7 +38,11 @@ public:
     // The exit status, 128 + signal, or nothing when the deadline passed.
     std::optional<int> wait(std::chrono::milliseconds deadline = 20s);
     bool running() { return !wait(0ms); }
-    void signal(int sig);
+    void signal(int sig) {
+        if (!m_status) {
+            kill(m_pid, sig);
+        }
+    }
     std::string out() const { return read_file(m_dir.file("out")); }
     std::string err() const { return read_file(m_dir.file("err")); }
     bool wait_out(const std::string& text, std::chrono::milliseconds deadline = 10s) const {
@@ -57,13 +61,16 @@ struct Outcome {
     std::string err;
 };
 Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl, the sample catalogue
+// ipcd-ctl watch --json with args (options, then topics), once it watches.
+std::unique_ptr<Process> watch(int port, std::vector<std::string> args);
+std::vector<nlohmann::json> json_lines(const std::string& text);  // one value per line
 
 int free_port();  // on 127.0.0.1, bound and released
 
-// A mosquitto of the test's own on 127.0.0.1 and a free port, never the
-// system's: nothing persisted, QoS 0 queueing unlimited (a slow subscriber
-// loses nothing), TCP_NODELAY as for ipcd. extra_config: mosquitto.conf lines
-// after the plain anonymous listener, e.g. TlsFiles::listener.
+// A mosquitto of the test's own on 127.0.0.1 and a free port: nothing
+// persisted, QoS 0 queueing unlimited (a slow subscriber loses nothing),
+// TCP_NODELAY as for ipcd, then extra_config (e.g. TlsFiles::listener).
 class Broker {
 public:
     explicit Broker(std::string extra_config = {});
@@ -79,46 +86,39 @@ private:
     std::unique_ptr<Process> m_process;
 };
 
-// Made with openssl and mosquitto_passwd: a CA, a server certificate for
-// 127.0.0.1, one for another host name, a client certificate, a CA that signed
-// none of them, and the user ipcd with the password Hunter2.
+// ca.crt, other-ca.crt (signed none), client.{crt,key}, and a password file
+// with the user ipcd (password Hunter2).
 class TlsFiles {
 public:
     TlsFiles();
     std::string file(const std::string& name) const { return m_dir.file(name); }
-    // mosquitto.conf lines of a TLS listener on 127.0.0.1:port. login: user
-    // and password required, else the client certificate's name is the user;
-    // wrong_name: its certificate names another host.
+    // A TLS listener on 127.0.0.1:port. login: user and password required,
+    // else the client certificate's; wrong_name: a certificate for another host.
     std::string listener(int port, bool login = true, bool wrong_name = false) const;
 
 private:
     TempDir m_dir;
 };
 
-// The product's MQTT client on 127.0.0.1:port with settings over the
-// defaults, as ipcd makes it; null when the settings are refused.
+// The product's MQTT client on 127.0.0.1:port, settings over the defaults.
 struct Client {
-    Client(int port, const std::map<std::string, std::string>& settings = {});
+    explicit Client(int port, const std::map<std::string, std::string>& settings = {});
     ecu::kora::com::MqttClient* operator->() const { return client.get(); }
-    std::unique_ptr<ecu::kora::config::Configuration> config;  // must outlive the client
-    std::shared_ptr<ecu::kora::com::MqttClient> client;
+    std::unique_ptr<ecu::kora::config::Configuration> config;  // outlives the client
+    std::shared_ptr<ecu::kora::com::MqttClient> client;        // null: settings refused
 };
 
-// ipcd-ctl watch --json with args (options, then topics), once it watches.
-std::unique_ptr<Process> watch(int port, std::vector<std::string> args);
-std::vector<nlohmann::json> json_lines(const std::string& text);  // one value per line
-
-// The real ipcd with its ports: two FIFOs of its own, a catalogue and a
-// notification socket. TX is open for reading before ipcd starts (it opens TX
-// first and needs its reader); RX is opened for writing once ipcd is ready.
+// ipcd with two FIFOs of its own, a catalogue and a notification socket. TX
+// is open for reading before ipcd starts (it opens TX first and needs its
+// reader); RX is opened for writing once ipcd is ready.
 class Daemon {
 public:
     explicit Daemon(int port, std::string catalogue = g_sample_catalogue);
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
-    // [wrapper...] ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX [extra...], e.g. under
-    // valgrind. Waits for READY=1 and RX.
+    // [wrapper...] ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX [extra...]; waits
+    // for READY=1 and RX.
     void start(std::vector<std::string> extra = {}, std::vector<std::string> env = {},
                std::vector<std::string> wrapper = {});
     void write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
@@ -145,11 +145,16 @@ private:
     std::unique_ptr<Process> m_process;
 };
 
-// Writes numbered records (seq_payload) of one RT id into RX at a fixed rate
-// from a thread of its own, until stopped or ipcd has closed RX.
+// Requests rt/vehicle/gear (RT id 21, not retained) and releases the
+// earlybird queue with ipcd-ctl: its records are then relayed as they come.
+void release(Daemon& daemon, int port);
+
+// Writes records of one RT id numbered by their timestamp (from 0) into RX
+// at a fixed rate from a thread of its own, until stopped or RX is closed.
 class RecordStream {
 public:
-    RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second);
+    RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second,
+                 std::size_t payload_size = 16);
     ~RecordStream() { stop(); }
     std::uint64_t stop();  // how many were written
     std::uint64_t written() const { return m_written; }
@@ -159,12 +164,5 @@ private:
     std::atomic<std::uint64_t> m_written{0};
     std::thread m_thread;
 };
-
-Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl with the sample catalogue
-
-// Requests rt/vehicle/gear (RT id 21, not retained) and releases the
-// earlybird queue with ipcd-ctl through the broker at port: its records are
-// then relayed as they come.
-void release(Daemon& daemon, int port);
 
 }  // namespace ipcd_test

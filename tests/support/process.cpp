@@ -73,12 +73,6 @@ std::optional<int> Process::wait(std::chrono::milliseconds deadline) {
     return m_status;
 }
 
-void Process::signal(int sig) {
-    if (!m_status) {
-        kill(m_pid, sig);
-    }
-}
-
 Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
     Process p(argv, env);
     if (!p.wait(30s)) {

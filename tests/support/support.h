@@ -3,6 +3,7 @@
 // What every tier may use: no process, no network, no FIFO, no broker.
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -12,6 +13,7 @@
 namespace ipcd_test {
 
 using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
 
 // Polls cond until it holds or the deadline (which only fails a hung test) passes.
 inline bool wait_until(const std::function<bool()>& cond,

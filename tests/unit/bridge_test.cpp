@@ -58,20 +58,6 @@ protected:
     std::unique_ptr<ecu::kora::ipcd::IPCd> bridge;
 };
 
-TEST_F(Bridge, MapKeepsTheFirstTopicOfAnIdAndCountsIds) {
-    logging::configure_logging("INFO");
-    make_bridge(R"({"groups": [{"topic": "rt/x", "id": 5, "size": 1, "signals": []},
-      {"topic": "rt/y", "id": 5, "size": 1, "signals": []},
-      {"topic": "rt/z", "id": 5, "retained": true, "size": 1, "signals": []},
-      {"topic": "rt/zero", "id": 0, "retained": true, "size": 1, "signals": []}]})");
-    EXPECT_EQ(log.find("Failed to build rt-signal subscription map!").size(), 2U);
-    EXPECT_TRUE(log.has(logging::info, "RT signal subscription map initialized with 2 topics"));
-    EXPECT_EQ(bridge->m_rt_topics.at(5).topic, "rt/x");
-    EXPECT_FALSE(bridge->m_rt_topics.at(5).retained);
-    EXPECT_TRUE(bridge->m_rt_topics.at(0).retained);
-    EXPECT_FALSE(bridge->m_rt_topics.at(0).requested);
-}
-
 TEST_F(Bridge, RelayedFrameCarriesTheRecordAndEndOfDataIsOneRetainedByte) {
     bridge->m_rt_topics.at(10).requested = true;
     bridge->consume(record(10, {0xde, 0xad}, 123456789));

@@ -35,20 +35,18 @@ std::pair<Ids, std::size_t> decode(const Bytes& stream, std::size_t piece) {
     RecordDecoder d;
     Ids ids;
     std::size_t skipped = 0;
-    for (std::size_t at = 0;; at += piece) {
-        if (at < stream.size()) {
-            d.feed(stream.data() + at, std::min(piece, stream.size() - at));
-        } else {
-            d.finish();
-        }
+    auto drain = [&] {
         for (IpcSignal s; d.next(s);) {
             ids.push_back(s.id);
         }
         skipped += d.take_skipped();
-        if (at >= stream.size()) {
-            break;
-        }
+    };
+    for (std::size_t at = 0; at < stream.size(); at += piece) {
+        d.feed(stream.data() + at, std::min(piece, stream.size() - at));
+        drain();
     }
+    d.finish();
+    drain();
     EXPECT_EQ(d.pending(), 0U);
     return {ids, skipped};
 }
