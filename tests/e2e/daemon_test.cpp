@@ -64,47 +64,25 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
     EXPECT_NE(sim.out().find("ipcd closed RX"), std::string::npos);
 }
 
-// Over TLS with a login: what was read before the signal reaches the broker
-// with no gap, then the end of data; the service manager hears STOPPING=1
-// and status 0. The peers use the broker's plain listener.
-TEST(Daemon, SigtermMidStreamOverTlsEndsInOrder) {
+// Over TLS with a login (the tools use the plain listener), one message
+// pending at most. Watchdog pings come while the reader goes round and stop
+// while it is stuck in a record the paused broker does not take. SIGTERM
+// mid-stream: what was read reaches the broker with no gap, then the end of
+// data; the service manager hears STOPPING=1; status 0.
+TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     TlsFiles tls;
     const int login = free_port();
     Broker broker(tls.listener(login));
-    auto watcher = watch(broker.port(), {g_gear, "system/rt/eod"});
     Daemon daemon(login);
-    daemon.start(
-        {"-c", daemon.dir().write("ipcd.conf", "tls_cafile=" + tls.file("ca.crt") +
-                                                   "\nusername=ipcd\npassword=Hunter2\n")});
-    release(daemon, broker.port());
-    RecordStream stream(daemon, 21, 2000);
-    ASSERT_TRUE(wait_until([&] { return json_lines(watcher->out()).size() >= 200; }));
-    daemon.process().signal(SIGTERM);
-    EXPECT_EQ(daemon.process().wait(), 0) << daemon.process().out();
-    stream.stop();
-    ASSERT_TRUE(watcher->wait_out("system/rt/eod"));
-    const auto received = json_lines(watcher->out());
-    EXPECT_EQ(received.back()["topic"], "system/rt/eod");
-    for (std::size_t i = 0; i + 1 < received.size(); ++i) {
-        ASSERT_EQ(received[i]["body"].value("timestamp", 0U), i) << "gap or reorder";
-    }
-    EXPECT_TRUE(wait_until([&] { return daemon.notified("STOPPING=1") == 1; }));
-    EXPECT_NE(daemon.process().out().find("Received SIGTERM, stopping"), std::string::npos);
-    EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
-}
-
-// Pings come while the reader goes round, and stop while it is stuck in a
-// record the broker does not take (a paused broker, one message pending).
-TEST(Daemon, WatchdogFollowsTheReader) {
-    Broker broker;
-    Daemon daemon(broker.port());
-    daemon.start({"-c", daemon.dir().write("ipcd.conf", "max_pending=1\n")},
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "tls_cafile=" + tls.file("ca.crt") +
+                                                            "\nusername=ipcd\npassword=Hunter2\n"
+                                                            "max_pending=1\n")},
                  {"WATCHDOG_USEC=200000"});
     release(daemon, broker.port());
     auto pings = [&] { return daemon.notified("WATCHDOG=1"); };
     ASSERT_TRUE(wait_until([&] { return pings() >= 3; }));
     broker.pause();
-    RecordStream stream(daemon, 21, 20000);
+    auto stuck = generate(daemon, "rt/vehicle/battery", 20000);
     std::size_t seen = 0;
     ASSERT_TRUE(wait_until(
         [&] {
@@ -115,8 +93,24 @@ TEST(Daemon, WatchdogFollowsTheReader) {
         60s));
     broker.resume();
     EXPECT_TRUE(wait_until([&] { return pings() > seen + 2; }));
-    stream.stop();
-    EXPECT_EQ(daemon.stop(), 0);
+    stuck.reset();
+
+    const std::string steering = "rt/vehicle/steering";  // its first signal: angle_cdeg
+    EXPECT_EQ(ctl(broker.port(), {"announce", steering}).status, 0);
+    auto watcher = watch(broker.port(), {steering, "system/rt/eod"});
+    auto sim = generate(daemon, steering, 2000);
+    ASSERT_TRUE(wait_until([&] { return json_lines(watcher->out()).size() >= 200; }, 30s));
+    daemon.process().signal(SIGTERM);
+    EXPECT_EQ(daemon.process().wait(), 0) << daemon.process().out();
+    ASSERT_TRUE(watcher->wait_out("system/rt/eod"));
+    const auto received = json_lines(watcher->out());
+    EXPECT_EQ(received.back()["topic"], "system/rt/eod");
+    for (std::size_t i = 0; i + 1 < received.size(); ++i) {
+        ASSERT_EQ(received[i]["body"]["signals"]["angle_cdeg"], i + 1) << "gap or reorder";
+    }
+    EXPECT_TRUE(wait_until([&] { return daemon.notified("STOPPING=1") == 1; }));
+    EXPECT_NE(daemon.process().out().find("Received SIGTERM, stopping"), std::string::npos);
+    EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
 }
 
 }  // namespace

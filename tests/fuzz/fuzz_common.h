@@ -1,8 +1,7 @@
 #pragma once
 
-// Shared by the fuzz targets: a quiet log (the default mode is syslog, and
-// every rejected input is logged) and a check that aborts, so that libFuzzer
-// records the input, in every build type.
+// A quiet log (every rejected input is logged) and a check that aborts in
+// every build type, so that libFuzzer records the input.
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,9 +1,7 @@
 #!/bin/bash
-# The Debian package, built with cpack from the built tree and unpacked into a
-# temporary root (nothing is installed here): its control information and
-# files, and the unit it ships: systemd-analyze verify (the programs pointed
-# into the root) and security, and restart settings that retry while the
-# broker is away but give up on a daemon that fails at once.
+# The Debian package, built with cpack and unpacked into a temporary root:
+# control information, files, and the unit it ships (verify, security,
+# restart settings).
 #
 # usage: package_test.sh CPACK BUILD_DIR MAX_EXPOSURE [EXPECTED_PATH...]
 set -u
@@ -54,10 +52,9 @@ exposure=$(systemd-analyze security --offline=true "$tmp/verify/ipcd.service" 2>
 echo "exposure ${exposure:-none} (at most $max_exposure)"
 awk -v e="${exposure:-99}" -v m="$max_exposure" 'BEGIN { exit !(e <= m) }' || fail "exposure too high"
 
-# on-failure: an orderly end (status 0) is final; a failure, a failed probe
-# and a watchdog kill are restarted. One start per probe wait and RestartSec
-# while the broker is away must stay within the burst; one per RestartSec
-# (a daemon failing at once) must exceed it.
+# An orderly end (status 0) is final. Starts while the broker is away (one
+# per probe wait and RestartSec) stay within the burst; a daemon failing at
+# once (one per RestartSec) exceeds it.
 setting() { sed -n "s/^$1=//p" "$unit" | tail -n 1 | sed 's/^\([0-9]*\)s$/\1/'; }
 [ "$(setting Restart)" = on-failure ] || fail "Restart is not on-failure"
 probe=$(sed -n 's/^ExecStartPre=.*wait-for-broker \([0-9]*\).*/\1/p' "$unit")
@@ -68,8 +65,7 @@ if [[ "$probe $pause $interval $burst" =~ ^[0-9]+\ [1-9][0-9]*\ [0-9]+\ [0-9]+$ 
 else
     fail "probe '$probe', RestartSec '$pause', StartLimit '$interval' '$burst' are not plain numbers"
 fi
-# The daemon pings every half period; below 10 s it could be killed while
-# it connects (up to 5 s).
+# Below 10 s the watchdog could kill ipcd while it connects (up to 5 s).
 [ "$(setting WatchdogSec)" -ge 10 ] 2>/dev/null || fail "WatchdogSec is not 10 s or more"
 
 [ $failures -eq 0 ] || { echo "$failures check(s) failed"; exit 1; }

@@ -1,8 +1,6 @@
 #!/bin/bash
-# The unit's start-up helper (dist/ipcd-prestart): wait-for-broker against a
-# private mosquitto (up, stopped with SIGSTOP, gone) and settings ipcd must
-# refuse itself; grant-queue-ports with a setfacl stand-in that records its
-# calls. Every case writes its own configuration file.
+# The unit's start-up helper: wait-for-broker against a private mosquitto, and
+# grant-queue-ports with a setfacl stand-in that records its calls.
 #
 # usage: prestart_test.sh PRESTART IPCD_CTL
 set -u
@@ -34,9 +32,8 @@ run() {
         fail "$name: expected '$want_err', got: ${err:-nothing}"
     fi
 }
-# Gone or stopped (TCP still accepted, never answered): a failure after the
-# wait that says why. Settings ipcd cannot use are its own to refuse (status 1
-# with the key named): the helper leaves them to it instead of retrying.
+# Gone or stopped (TCP accepted, never answered): a failure that says why.
+# Settings ipcd cannot use are its own to refuse: left to it, not retried.
 run up 0 - "host=127.0.0.1\nport=$port\n" wait-for-broker 5
 start=$SECONDS
 run gone 1 "after 1 s \(.*Connection refused\); ipcd is started once it does" \

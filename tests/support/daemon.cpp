@@ -79,12 +79,7 @@ void Daemon::write_raw(const std::vector<std::uint8_t>& bytes) {
 std::optional<int> Daemon::stop() {
     close(m_rx_fd);
     m_rx_fd = -1;
-    auto status = m_process->wait(15s);
-    if (!status) {
-        m_process->signal(SIGKILL);
-        status = m_process->wait(1s);
-    }
-    return status;
+    return m_process->wait(15s);
 }
 
 void Daemon::close_tx() {
@@ -105,37 +100,41 @@ std::vector<ecu::kora::ipc::IpcSignal> Daemon::tx_records(std::size_t count) {
     return m_tx_out;
 }
 
-RecordStream::RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second,
-                           std::size_t payload_size)
-    : m_thread([this, &daemon, id, per_second, payload_size] {
-          const auto start = std::chrono::steady_clock::now();
-          try {
-              for (std::uint64_t seq = 0; !m_stop; std::this_thread::sleep_for(1ms)) {
-                  const auto due = static_cast<std::uint64_t>(
-                      (std::chrono::steady_clock::now() - start) / 1us * per_second / 1000000);
-                  for (; seq < due && !m_stop; m_written = ++seq) {
-                      daemon.write_record(id, Bytes(payload_size, 0x5A), seq);
-                  }
-              }
-          } catch (const std::exception&) {
-              // ipcd closed RX: the stream ends with it.
-          }
-      }) {}
-
-std::uint64_t RecordStream::stop() {
-    m_stop = true;
-    if (m_thread.joinable()) {
-        m_thread.join();
-    }
-    return m_written;
-}
-
 void release(Daemon& daemon, int port) {
-    if (ctl(port, {"announce", "rt/vehicle/gear"}).status != 0 ||
+    if (ctl(port, {"announce", "rt/vehicle/battery"}).status != 0 ||
         ctl(port, {"tpa", "--wait-for-target", "--target-reached"}).status != 0 ||
         !daemon.process().wait_out("Earlybird message processing done.")) {
         throw std::runtime_error("ipcd did not release: " + daemon.process().out());
     }
+}
+
+std::unique_ptr<Process> generate(const Daemon& daemon, const std::string& topics, unsigned rate,
+                                  unsigned count) {
+    std::vector<std::string> argv{g_sim,
+                                  "--rx",
+                                  daemon.dir().file("rx"),
+                                  "--tx",
+                                  daemon.dir().file("sim-tx"),
+                                  "--generate",
+                                  topics,
+                                  "--rate",
+                                  std::to_string(rate),
+                                  "--catalogue",
+                                  g_sample_catalogue};
+    if (count != 0) {
+        argv.insert(argv.end(), {"--count", std::to_string(count), "--keep-open"});
+    }
+    return std::make_unique<Process>(argv);
+}
+
+std::size_t generated(const Process& sim) {
+    const std::string out = sim.out();
+    std::size_t n = 0;
+    for (auto at = out.find("\nRX rt/"); at != std::string::npos;
+         at = out.find("\nRX rt/", at + 1)) {
+        ++n;
+    }
+    return n;
 }
 
 }  // namespace ipcd_test

@@ -1,12 +1,10 @@
 #pragma once
 
 // The real parts, for the integration, end-to-end and fault tests and the
-// system benchmark: processes, a private mosquitto, TLS material, MQTT
-// clients, and ipcd with its ports and tools.
+// system benchmark.
 
 #include <signal.h>
 
-#include <atomic>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -35,7 +33,6 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
     pid_t pid() const { return m_pid; }
-    // The exit status, 128 + signal, or nothing when the deadline passed.
     std::optional<int> wait(std::chrono::milliseconds deadline = 20s);
     bool running() { return !wait(0ms); }
     void signal(int sig) {
@@ -86,14 +83,13 @@ private:
     std::unique_ptr<Process> m_process;
 };
 
-// ca.crt, other-ca.crt (signed none), client.{crt,key}, and a password file
-// with the user ipcd (password Hunter2).
+// ca.crt, other-ca.crt (signed none), client.{crt,key}; the user ipcd, Hunter2.
 class TlsFiles {
 public:
     TlsFiles();
     std::string file(const std::string& name) const { return m_dir.file(name); }
-    // A TLS listener on 127.0.0.1:port. login: user and password required,
-    // else the client certificate's; wrong_name: a certificate for another host.
+    // login: user and password, else the client certificate; wrong_name: the
+    // broker's certificate is for another host.
     std::string listener(int port, bool login = true, bool wrong_name = false) const;
 
 private:
@@ -124,7 +120,7 @@ public:
     void write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
                       std::uint64_t timestamp = 1);
     void write_raw(const std::vector<std::uint8_t>& bytes);
-    std::optional<int> stop();  // closes RX, so ipcd ends in order; its status
+    std::optional<int> stop();  // closes RX, so ipcd ends in order; its exit status
     void close_tx();            // the RT side stops reading
     // Waits until count records came out of TX; all so far.
     std::vector<ecu::kora::ipc::IpcSignal> tx_records(std::size_t count);
@@ -145,24 +141,15 @@ private:
     std::unique_ptr<Process> m_process;
 };
 
-// Requests rt/vehicle/gear (RT id 21, not retained) and releases the
+// Requests rt/vehicle/battery (RT id 23, not retained) and releases the
 // earlybird queue with ipcd-ctl: its records are then relayed as they come.
 void release(Daemon& daemon, int port);
 
-// Writes records of one RT id numbered by their timestamp (from 0) into RX
-// at a fixed rate from a thread of its own, until stopped or RX is closed.
-class RecordStream {
-public:
-    RecordStream(Daemon& daemon, std::uint32_t id, unsigned per_second,
-                 std::size_t payload_size = 16);
-    ~RecordStream() { stop(); }
-    std::uint64_t stop();  // how many were written
-    std::uint64_t written() const { return m_written; }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::atomic<std::uint64_t> m_written{0};
-    std::thread m_thread;
-};
+// ipcd-sim writing generated records of topics into the daemon's RX, rate
+// per topic, count in all (RX then kept open) or until stopped. A group's
+// first signal counts from 1.
+std::unique_ptr<Process> generate(const Daemon& daemon, const std::string& topics, unsigned rate,
+                                  unsigned count = 0);
+std::size_t generated(const Process& sim);  // records written so far
 
 }  // namespace ipcd_test

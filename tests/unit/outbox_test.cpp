@@ -14,8 +14,7 @@ using namespace std::chrono_literals;
 using List = std::vector<std::string>;
 
 // Records what it is handed; answers with the scripted result.
-class FakeLink : public Outbox::Link {
-public:
+struct FakeLink : Outbox::Link {
     Outbox::Sent send(const std::string& topic, const std::vector<std::uint8_t>& payload, int qos,
                       bool retained, int& mid, std::string& reason) override {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -32,8 +31,6 @@ public:
         return std::exchange(m_sent, {});
     }
     std::atomic<Outbox::Sent> answer{Outbox::Sent::ok};
-
-private:
     std::mutex m_mutex;
     List m_sent;
     int m_mid = 0;
