@@ -35,16 +35,12 @@ run() {
 # Gone or stopped (TCP accepted, never answered): a failure that says why.
 # Settings ipcd cannot use are its own to refuse: left to it, not retried.
 run up 0 - "host=127.0.0.1\nport=$port\n" wait-for-broker 5
-start=$SECONDS
 run gone 1 "after 1 s \(.*Connection refused\); ipcd is started once it does" \
     "host=127.0.0.1\nport=$closed\n" wait-for-broker 1
-[ $((SECONDS - start)) -ge 1 ] || fail "gone: gave up before its second"
 kill -STOP "$broker"
 run stopped 1 "no CONNACK" "host=127.0.0.1\nport=$port\n" wait-for-broker 0
 kill -CONT "$broker"
 run port_not_number 0 - "host=127.0.0.1\nport=18x3\n" wait-for-broker 5
-run empty_host 0 - "host=\nport=$port\n" wait-for-broker 5
-run no_seconds 2 usage "" wait-for-broker x
 
 mkdir "$tmp/bin" "$tmp/dev"
 printf '#!/bin/sh\necho "$*" >>%s/calls\n[ ! -e %s/fails ]\n' "$tmp" "$tmp" >"$tmp/bin/setfacl"
@@ -61,7 +57,6 @@ grant() {
 grant both 0 - "queue_rx=$tmp/dev/rx\nqueue_tx = $tmp/dev/tx\n" \
     "-m u:ipcd:r -- $tmp/dev/rx\n-m u:ipcd:w -- $tmp/dev/tx"
 grant tx_missing 0 - "queue_rx=$tmp/dev/rx\nqueue_tx=$tmp/dev/none\n" "-m u:ipcd:r -- $tmp/dev/rx"
-grant defaults_absent 0 - "# the /dev/qport defaults, absent here\n" ""
 touch "$tmp/fails"
 grant setfacl_fails 0 "cannot give ipcd access to $tmp/dev/rx" \
     "queue_rx=$tmp/dev/rx\nqueue_tx=$tmp/dev/none\n" "-m u:ipcd:r -- $tmp/dev/rx"
