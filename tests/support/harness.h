@@ -61,7 +61,7 @@ Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>
 Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl, the sample catalogue
 // ipcd-ctl watch --json with args (options, then topics), once it watches.
 std::unique_ptr<Process> watch(int port, std::vector<std::string> args);
-std::vector<nlohmann::json> json_lines(const std::string& text);  // one value per line
+std::vector<nlohmann::json> json_lines(const std::string& text);  // one per whole line
 
 int free_port();  // on 127.0.0.1, bound and released
 
@@ -119,7 +119,6 @@ public:
                std::vector<std::string> wrapper = {});
     void write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
                       std::uint64_t timestamp = 1);
-    void write_raw(const std::vector<std::uint8_t>& bytes);
     std::optional<int> stop();  // closes RX, so ipcd ends in order; its exit status
     void close_tx();            // the RT side stops reading
     // Waits until count records came out of TX; all so far.

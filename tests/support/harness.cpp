@@ -1,0 +1,337 @@
+// The harness's real parts: processes and the tools, the broker and its TLS
+// material, ipcd with its ports.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <tuple>
+
+#include "harness.h"
+
+extern char** environ;
+
+namespace ipcd_test {
+
+Process::Process(std::vector<std::string> argv, const std::vector<std::string>& env) {
+    std::map<std::string, std::string> vars;  // built before fork: nothing but syscalls after
+    for (char** e = environ; *e != nullptr; ++e) {
+        vars[std::string(*e).substr(0, std::string(*e).find('='))] = *e;
+    }
+    for (const auto& e : env) {
+        vars[e.substr(0, e.find('='))] = e;
+    }
+    std::vector<char*> cargv;
+    std::vector<char*> cenv;
+    for (auto& a : argv) {
+        cargv.push_back(a.data());
+    }
+    for (auto& entry : vars) {
+        cenv.push_back(entry.second.data());
+    }
+    cargv.push_back(nullptr);
+    cenv.push_back(nullptr);
+    const int out = open(m_dir.file("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int err = open(m_dir.file("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const pid_t parent = getpid();
+    m_pid = fork();
+    if (m_pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            _exit(127);
+        }
+        dup2(out, 1);
+        dup2(err, 2);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        setpgid(0, 0);  // a group of its own, so that a kill reaches what it starts
+        execve(cargv[0], cargv.data(), cenv.data());
+        _exit(127);
+    }
+    close(out);
+    close(err);
+}
+
+Process::~Process() {
+    if (running()) {
+        kill(-m_pid, SIGKILL);
+        kill(m_pid, SIGKILL);
+        wait(5s);
+    }
+}
+
+std::optional<int> Process::wait(std::chrono::milliseconds deadline) {
+    wait_until(
+        [this] {
+            int status = 0;
+            if (!m_status && waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            return m_status.has_value();
+        },
+        deadline);
+    return m_status;
+}
+
+Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+    Process p(argv, env);
+    if (!p.wait(30s)) {
+        throw std::runtime_error(argv[0] + " did not end: " + p.err());
+    }
+    return {*p.wait(), p.out(), p.err()};
+}
+
+Outcome ctl(int port, std::vector<std::string> args) {
+    args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
+                               g_sample_catalogue});
+    return run(args);
+}
+
+std::unique_ptr<Process> watch(int port, std::vector<std::string> args) {
+    args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
+                               g_sample_catalogue, "watch", "--json"});
+    auto p = std::make_unique<Process>(args);
+    // One that is done before its marker came back (retained messages only) never says so.
+    if (!wait_until(
+            [&] { return p->err().find("watching") != std::string::npos || !p->running(); })) {
+        throw std::runtime_error("ipcd-ctl does not watch: " + p->err());
+    }
+    return p;
+}
+
+std::vector<nlohmann::json> json_lines(const std::string& text) {
+    std::vector<nlohmann::json> values;
+    std::istringstream lines(text.substr(0, text.rfind('\n') + 1));  // whole lines only
+    for (std::string line; std::getline(lines, line);) {
+        values.push_back(nlohmann::json::parse(line));
+    }
+    return values;
+}
+
+Client::Client(int port, const std::map<std::string, std::string>& settings)
+    : config(std::make_unique<ecu::kora::config::Configuration>()) {
+    config->values() = {
+        {"host", "127.0.0.1"}, {"port", std::to_string(port)}, {"client_name", "test"}};
+    for (const auto& [key, value] : settings) {
+        config->values()[key] = value;
+    }
+    client = std::dynamic_pointer_cast<ecu::kora::com::MqttClient>(
+        ecu::kora::com::create_client(config, ecu::kora::com::TransportType::mqtt));
+}
+
+namespace {
+
+void must(const std::vector<std::string>& argv) {
+    const Outcome r = run(argv);
+    if (r.status != 0) {
+        throw std::runtime_error(argv[0] + " " + argv[1] + " failed: " + r.err);
+    }
+}
+
+}  // namespace
+
+int free_port() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        throw std::runtime_error("free_port: bind failed");
+    }
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+Broker::Broker(std::string extra_config) : m_port(free_port()) {
+    m_dir.write("mosquitto.conf",
+                "per_listener_settings true\npersistence false\nmax_queued_messages 0\n"
+                "set_tcp_nodelay true\nlog_dest stderr\nlog_type information\nlistener " +
+                    std::to_string(m_port) + " 127.0.0.1\nallow_anonymous true\n" + extra_config);
+    start();
+}
+
+void Broker::start() {
+    m_process = std::make_unique<Process>(
+        std::vector<std::string>{"/usr/sbin/mosquitto", "-c", m_dir.file("mosquitto.conf")});
+    // Its "running" line comes once every listener is open.
+    if (!wait_until([&] { return m_process->err().find(" running") != std::string::npos; })) {
+        throw std::runtime_error("mosquitto did not start: " + m_process->err());
+    }
+}
+
+void Broker::stop(bool hard) {
+    m_process->signal(SIGCONT);
+    m_process->signal(hard ? SIGKILL : SIGTERM);
+    m_process->wait(10s);
+}
+
+TlsFiles::TlsFiles() {
+    for (const auto& [name, issuer, san] :
+         {std::tuple<std::string, std::string, std::string>{"ca", "", ""},
+          {"other-ca", "", ""},
+          {"server", "ca", "IP:127.0.0.1"},
+          {"wrong-name", "ca", "DNS:broker.invalid"},
+          {"client", "ca", "DNS:ipcd"}}) {
+        // EC keys: quick to make.
+        must({"/bin/sh", "-c",
+              "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 "
+              "-keyout " +
+                  file(name + ".key") + " -out " + file(name + ".crt") +
+                  " -subj /CN=" + (name == "client" ? "ipcd" : name) +
+                  (issuer.empty() ? ""
+                                  : " -CA " + file(issuer + ".crt") + " -CAkey " +
+                                        file(issuer + ".key") + " -addext subjectAltName=" + san +
+                                        " -addext basicConstraints=CA:FALSE")});
+    }
+    must({"/usr/bin/mosquitto_passwd", "-c", "-b", file("passwords"), "ipcd", "Hunter2"});
+    // mosquitto started as root reads them as its own user.
+    namespace fs = std::filesystem;
+    fs::permissions(m_dir.path(), fs::perms::others_read | fs::perms::others_exec,
+                    fs::perm_options::add);
+    for (const auto& entry : fs::directory_iterator(m_dir.path())) {
+        fs::permissions(entry.path(), fs::perms::others_read, fs::perm_options::add);
+    }
+}
+
+std::string TlsFiles::listener(int port, bool login, bool wrong_name) const {
+    const std::string server = file(wrong_name ? "wrong-name" : "server");
+    return "listener " + std::to_string(port) + " 127.0.0.1\ncafile " + file("ca.crt") +
+           "\ncertfile " + server + ".crt\nkeyfile " + server + ".key\n" +
+           (login ? "allow_anonymous false\npassword_file " + file("passwords") + "\n"
+                  : "require_certificate true\nuse_identity_as_username true\n");
+}
+
+Daemon::Daemon(int port, std::string catalogue)
+    : m_port(port),
+      m_catalogue(std::move(catalogue)),
+      m_notify_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, m_dir.file("notify").c_str(), sizeof addr.sun_path - 1);
+    bind(m_notify_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    m_dir.fifo("rx");
+    signal(SIGPIPE, SIG_IGN);  // RX closed by ipcd: a failed write, not the test's end
+    m_tx_fd = open(m_dir.fifo("tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);  // a slow reader must not look like a lost port
+}
+
+Daemon::~Daemon() {
+    close(m_rx_fd);
+    close(m_tx_fd);
+    close(m_notify_fd);
+}
+
+void Daemon::start(std::vector<std::string> extra, std::vector<std::string> env,
+                   std::vector<std::string> argv) {
+    argv.insert(argv.end(), {g_ipcd, "-L", "-H", "127.0.0.1", "-p", std::to_string(m_port), "-r",
+                             m_dir.file("rx"), "-t", m_dir.file("tx")});
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    env.push_back("KIRN_RT_CATALOGUE=" + m_catalogue);
+    env.push_back("NOTIFY_SOCKET=" + m_dir.file("notify"));
+    m_process = std::make_unique<Process>(argv, env);
+    if (!wait_until([this] { return notified("READY=1") > 0; }, 60s) || !wait_until([this] {
+            m_rx_fd = open(m_dir.file("rx").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            return m_rx_fd >= 0;
+        })) {
+        throw std::runtime_error("ipcd not ready: " + m_process->out());
+    }
+    fcntl(m_rx_fd, F_SETFL, 0);
+    fcntl(m_rx_fd, F_SETPIPE_SZ, 1 << 20);
+}
+
+std::size_t Daemon::notified(const std::string& message) {
+    char buf[512];
+    for (ssize_t n; (n = recv(m_notify_fd, buf, sizeof buf, 0)) > 0;) {
+        m_notifications.emplace_back(buf, static_cast<std::size_t>(n));
+    }
+    return static_cast<std::size_t>(
+        std::count(m_notifications.begin(), m_notifications.end(), message));
+}
+
+void Daemon::write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,
+                          std::uint64_t timestamp) {
+    std::vector<std::uint8_t> bytes;
+    ecu::kora::ipc::encode_record({id, 0, timestamp, data}, bytes);
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(m_rx_fd, bytes.data() + done, bytes.size() - done);
+        if (n <= 0) {
+            throw std::runtime_error("cannot write into the RX FIFO");
+        }
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+std::optional<int> Daemon::stop() {
+    close(m_rx_fd);
+    m_rx_fd = -1;
+    return m_process->wait(15s);
+}
+
+void Daemon::close_tx() {
+    close(m_tx_fd);
+    m_tx_fd = -1;
+}
+
+std::vector<ecu::kora::ipc::IpcSignal> Daemon::tx_records(std::size_t count) {
+    std::vector<std::uint8_t> buf(64 * 1024);
+    wait_until([&] {
+        const ssize_t n = read(m_tx_fd, buf.data(), buf.size());
+        m_tx_decoder.feed(buf.data(), static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+        for (ecu::kora::ipc::IpcSignal r; m_tx_decoder.next(r);) {
+            m_tx_out.push_back(r);
+        }
+        return m_tx_out.size() >= count;
+    });
+    return m_tx_out;
+}
+
+void release(Daemon& daemon, int port) {
+    if (ctl(port, {"announce", "rt/vehicle/battery"}).status != 0 ||
+        ctl(port, {"tpa", "--wait-for-target", "--target-reached"}).status != 0 ||
+        !daemon.process().wait_out("Earlybird message processing done.")) {
+        throw std::runtime_error("ipcd did not release: " + daemon.process().out());
+    }
+}
+
+std::unique_ptr<Process> generate(const Daemon& daemon, const std::string& topics, unsigned rate,
+                                  unsigned count) {
+    std::vector<std::string> argv{g_sim,
+                                  "--rx",
+                                  daemon.dir().file("rx"),
+                                  "--tx",
+                                  daemon.dir().file("sim-tx"),
+                                  "--generate",
+                                  topics,
+                                  "--rate",
+                                  std::to_string(rate),
+                                  "--catalogue",
+                                  g_sample_catalogue};
+    if (count != 0) {
+        argv.insert(argv.end(), {"--count", std::to_string(count), "--keep-open"});
+    }
+    return std::make_unique<Process>(argv);
+}
+
+std::size_t generated(const Process& sim) {
+    const std::string out = sim.out();
+    std::size_t n = 0;
+    for (auto at = out.find("\nRX rt/"); at != std::string::npos;
+         at = out.find("\nRX rt/", at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+}  // namespace ipcd_test
