@@ -1,9 +1,8 @@
-// The queue-port record stream decoder. The input is a sequence of chunks,
-// each one length byte (chunk size 1 to 256) followed by the chunk's bytes,
-// as short reads would deliver them. Every byte ends up in a record that
-// encodes back to valid bytes, or in skipped damage. A stream without damage
-// gives the same records however it is chunked. (With damage it need not: a
-// record is checked against the bytes after it only when they have arrived.)
+// The queue-port record stream decoder, fed chunks (a length byte, then 1 to
+// 256 bytes) as short reads deliver them. Every byte ends up in a record that
+// encodes back, or in skipped damage. Without damage the records do not
+// depend on the chunking (with damage they may: a record's end is checked
+// only once the bytes after it have arrived).
 
 #include <cstddef>
 #include <cstdint>

@@ -91,14 +91,11 @@ TEST(QueuePort, FileIsReplayedAndEndsAndStopsArePrompt) {
         const Bytes r = encoded(i, i % 9);
         file.insert(file.end(), r.begin(), r.end());
     }
-    const Bytes cut = encoded(99, 10);
-    file.insert(file.end(), cut.begin(), cut.begin() + 13);
     dir.write("replay", std::string(file.begin(), file.end()));
     {
         Reader reader(dir.file("replay"));
         ASSERT_TRUE(reader.wait_finished());
         EXPECT_EQ(reader.count(), 200U);
-        EXPECT_EQ(log.find("skipped 13 bytes").size(), 1U);  // the cut record at the end
     }
     {
         Reader stopped(dir.file("replay"), true);  // with a backlog: ends within a queue's depth

@@ -98,8 +98,9 @@ Outcome ctl(int port, std::vector<std::string> args) {
 }
 
 std::unique_ptr<Process> watch(int port, std::vector<std::string> args) {
+    args.insert(args.begin(), {"watch", "--json"});
     args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
-                               g_sample_catalogue, "watch", "--json"});
+                               g_sample_catalogue});
     auto p = std::make_unique<Process>(args);
     // One that is done before its marker came back (retained messages only) never says so.
     if (!wait_until(

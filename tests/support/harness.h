@@ -30,8 +30,6 @@ class Process {
 public:
     explicit Process(std::vector<std::string> argv, const std::vector<std::string>& env = {});
     ~Process();
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
     pid_t pid() const { return m_pid; }
     std::optional<int> wait(std::chrono::milliseconds deadline = 20s);
     bool running() { return !wait(0ms); }
@@ -111,8 +109,6 @@ class Daemon {
 public:
     explicit Daemon(int port, std::string catalogue = g_sample_catalogue);
     ~Daemon();
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
     // [wrapper...] ipcd -L -H 127.0.0.1 -p PORT -r RX -t TX [extra...]; waits
     // for READY=1 and RX.
     void start(std::vector<std::string> extra = {}, std::vector<std::string> env = {},

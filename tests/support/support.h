@@ -89,8 +89,6 @@ public:
             });
     }
     ~LogCapture() { ecu::kora::logging::set_sink({}); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
     std::vector<Line> lines() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_lines;
