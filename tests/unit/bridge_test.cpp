@@ -20,49 +20,39 @@ namespace {
 
 // Records what the bridge publishes; a test can hold a publishing thread
 // inside publish() through before_publish.
-class FakeTransport : public ecu::kora::com::ITransportClient {
-public:
-    using Message = ecu::kora::com::Message;
-
+struct FakeTransport : com::ITransportClient {
     bool connect() override { return true; }
-    int publish(const std::string& topic, Message& msg) override {
+    int publish(const std::string& topic, com::Message& msg) override {
         if (before_publish) {
             before_publish(topic);
         }
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_published.emplace_back(topic, msg);
+        std::lock_guard<std::mutex> lock(mutex);
+        sent.emplace_back(topic, msg);
         return publish_result;
     }
-    bool subscribe(const std::string&, int,
-                   std::shared_ptr<ecu::kora::com::ISubscriptionObserver>) override {
+    bool subscribe(const std::string&, int, std::shared_ptr<com::ISubscriptionObserver>) override {
         return true;
     }
     bool start() override { return true; }
     bool stop() override { return true; }
-    const std::string& client_name() const override { return m_name; }
-
-    std::vector<std::pair<std::string, Message>> published() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_published;
+    const std::string& client_name() const override { return name; }
+    std::vector<std::pair<std::string, com::Message>> published() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return sent;
     }
-    std::vector<std::string> published_topics() const {
-        std::vector<std::string> topics;
+    Topics published_topics() const {
+        Topics topics;
         for (const auto& p : published()) {
             topics.push_back(p.first);
         }
         return topics;
     }
-
     int publish_result = 1;
     std::function<void(const std::string&)> before_publish;
-
-private:
-    mutable std::mutex m_mutex;
-    std::string m_name = "fake-ipcd";
-    std::vector<std::pair<std::string, Message>> m_published;
+    mutable std::mutex mutex;
+    std::string name = "fake-ipcd";
+    std::vector<std::pair<std::string, com::Message>> sent;
 };
-
-using namespace std::chrono_literals;
 
 const char* const g_catalogue = R"({"groups": [
   {"topic": "rt/system/time_sync", "id": 1, "size": 8, "signals": []},
