@@ -64,6 +64,7 @@ TEST(Catalogue, LoadsLooksUpAndRefusesWhatCannotWork) {
 
 TEST(Catalogue, UnpacksIntoAPaddedImageOrSaysWhyNot) {
     ipcd_test::TempDir dir;
+    ipcd_test::LogCapture log;  // its duplicate id is reported
     ecu::kora::rt::SignalAdapter adapter;
     ASSERT_TRUE(adapter.load(dir.write("c.json", g_catalogue)));
     auto [ok, group, error] = adapter.unpack(
