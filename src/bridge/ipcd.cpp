@@ -141,11 +141,10 @@ void IPCd::run() {
     // The reader joins a drained earlybird thread only on its next record; if
     // none came, join it here rather than leave a finished thread unjoined.
     // One still waiting for the target is left to the process's end.
-    bool earlybird_done = false;
-    {
+    const bool earlybird_done = [this] {
         std::lock_guard<std::mutex> lock(m_earlybird_mutex);
-        earlybird_done = m_earlybird_done;
-    }
+        return m_earlybird_done;
+    }();
     if (earlybird_done && m_earlybird_thread.joinable()) {
         m_earlybird_thread.join();
     }

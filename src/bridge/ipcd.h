@@ -50,7 +50,7 @@ public:
         // Set by the delivery thread, read by the reader and earlybird
         // threads; only ever goes from false to true.
         std::atomic<bool> requested{false};
-        bool retained = false;
+        bool retained;
     };
 
     // One RT record held back until the start-up target is reached.

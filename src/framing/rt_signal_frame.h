@@ -16,11 +16,12 @@
 
 namespace ecu::kora::com {
 
+// A record to relay, made whole by its one caller.
 struct RtRecordView {
-    std::uint64_t timestamp = 0;
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-    std::uint8_t tag = 0;
+    std::uint64_t timestamp;
+    const std::uint8_t* data;
+    std::size_t size;
+    std::uint8_t tag;
 };
 
 // Replaces out's payload with the frame and sets its timestamp (the record's)

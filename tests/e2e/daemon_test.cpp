@@ -55,6 +55,8 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
          "transport setting 'password' is set without 'username'", "Hunter2"},
         {{"-L", "-c", conf("client_name=" + std::string(70000, 'n') + "\n")}, sample, 1,
          "transport setting 'client_name' is 70000 bytes long; MQTT carries at most 65535", ""},
+        {{"-L", "-c", conf("client_name=\xff\n")}, sample, 1, "'client_name' is not valid UTF-8", ""},
+        {{"-L", "-c", conf("host=\n")}, sample, 1, "Required configuration key 'host' has no value", ""},
         {{"-L", "-c", conf("keepalive=soon\n")}, sample, 1,
          "transport setting 'keepalive' is 'soon', not a number from 0 to 65535", ""},
         {{"-L", "-p", absent}, catalogue("rt/system/timestamp"), 1,

@@ -49,12 +49,8 @@ public:
     // False when libmosquitto could not make the client (out of memory).
     bool usable() const { return m_mosq != nullptr; }
 
-    // State for monitoring and tests.
-    bool connected() const { return m_outbox.is_connected(); }
+    // Messages the broker has not taken yet (ipcd-ctl waits for none).
     std::size_t pending() const { return m_outbox.pending(); }
-    std::size_t pending_high_water() const { return m_outbox.pending_high_water(); }
-    std::size_t offline_queued() const { return m_outbox.offline_queued(); }
-    std::size_t max_pending() const { return m_outbox.max_pending(); }
 
 private:
     enum class State { idle, running, closed };

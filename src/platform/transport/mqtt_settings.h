@@ -12,18 +12,19 @@
 
 namespace ecu::kora::com {
 
+// Read from the configuration (read_mqtt_settings), which holds the defaults.
 struct MqttSettings {
     std::string host;
-    int port = 0;
+    int port{};
     std::string client_name;
-    int keepalive = 60;
+    int keepalive{};
     std::string username;
     std::string password;
     std::string tls_cafile;
     std::string tls_certfile;
     std::string tls_keyfile;
-    std::size_t max_pending = 4096;
-    std::size_t offline_queue = 10000;
+    std::size_t max_pending{};
+    std::size_t offline_queue{};
 };
 
 // The settings; nothing (after one ERROR line naming the key and the reason)

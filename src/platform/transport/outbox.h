@@ -91,7 +91,6 @@ public:
     std::size_t pending() const;
     std::size_t pending_high_water() const;
     std::size_t offline_queued() const;
-    std::size_t max_pending() const { return m_max_pending; }
 
 private:
     struct Kept {

@@ -22,7 +22,7 @@ public:
     virtual void message(const std::string& topic, const Message& msg) = 0;
 };
 
-enum class TransportType : int { mqtt = 0 };
+enum class TransportType : int { mqtt };
 
 class ITransportClient {
 public:
