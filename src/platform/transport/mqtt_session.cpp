@@ -1,7 +1,7 @@
 #include <arpa/inet.h>
-#include <pthread.h>
 #include <netdb.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
