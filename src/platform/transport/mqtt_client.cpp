@@ -258,6 +258,12 @@ void MqttClient::handle_connect(int rc) {
         }
         m_cv.notify_all();
     }
+    // From now on libmosquitto's lines are DEBUG detail only. Without a
+    // reader it formats none of them; with one it would format a line for
+    // every message published.
+    if (!logging::DEBUG.admits(log_module().get())) {
+        mosquitto_log_callback_set(m_mosq, nullptr);
+    }
     if (resumed.reconnection) {
         logging::NOTICE << log_module() << "connection to broker " << where() << " re-established; "
                         << resumed.sent << " queued messages sent, " << resumed.restored
