@@ -33,6 +33,7 @@ demo: build
 	@bash scripts/demo $(BUILD)
 
 bench: deps
+	@IPCD_DEPS_BENCH=1 bash scripts/install-deps
 	cmake -S . -B $(BUILD)-bench -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Release -DIPCD_BENCH=ON -DBUILD_TESTING=OFF
 	cmake --build $(BUILD)-bench -j $(JOBS)
 	@bash scripts/bench $(BUILD)-bench

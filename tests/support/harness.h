@@ -70,6 +70,7 @@ class Broker {
 public:
     explicit Broker(std::string extra_config = {});
     int port() const { return m_port; }
+    pid_t pid() const { return m_process->pid(); }
     void stop(bool hard = false);  // SIGTERM, or SIGKILL when hard; waits for the end
     void start();                  // again, on the same ports
     void pause() { m_process->signal(SIGSTOP); }  // connections stay, nothing is answered
@@ -122,6 +123,7 @@ public:
     std::size_t notified(const std::string& message);  // sd_notify messages so far
     Process& process() { return *m_process; }
     const TempDir& dir() const { return m_dir; }
+    int rx() const { return m_rx_fd; }  // for writes of many records at once
 
 private:
     TempDir m_dir;

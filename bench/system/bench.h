@@ -1,0 +1,179 @@
+#pragma once
+
+// What the figures of the system benchmark share: the run's settings and
+// table, a counting subscriber, a plain libmosquitto publisher (the baseline),
+// RT records that carry their number and send time, and what a process costs
+// (CPU, memory, system calls, instructions, heap allocations). The broker,
+// ipcd and the tools come from the test harness.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "frames.h"
+#include "harness.h"
+
+struct mosquitto;
+
+namespace bench {
+
+using namespace ipcd_test;
+
+// rt/vehicle/battery is what release() requests; rt/vehicle/speed is retained,
+// so it is published even while the earlybird queue holds the rest.
+constexpr std::uint32_t g_data_id = 23;
+inline const std::string g_data_topic = "rt/vehicle/battery";
+constexpr std::uint32_t g_marker_id = 20;
+inline const std::string g_marker_topic = "rt/vehicle/speed";
+inline const std::string g_rttx_topic = "rttx/hmi/climate_request";
+inline const std::string g_flush_line = "Earlybird message processing done.";
+// The transport's default bound on unwritten messages; the plain publisher
+// keeps the same, so that both sides queue alike.
+constexpr std::size_t g_max_outstanding = 4096;
+
+struct Config {
+    double scale = 1.0;
+    std::size_t relay_count = 200000;
+    std::size_t latency_count = 20000;
+    std::size_t latency_rate = 10000;
+    std::size_t rttx_count = 100000;
+    std::size_t earlybird_count = 1000000;
+    std::size_t profile_count = 20000;
+    double idle_seconds = 10.0;
+    double soak_seconds = 60.0;
+    int repeats = 3;
+
+    void apply_scale();
+};
+
+struct Row {
+    std::string figure, ipcd, baseline, other, ratio, goal, result;
+};
+
+struct Report {
+    std::vector<Row> rows;
+    std::vector<std::string> notes;
+    void print(double scale) const;
+};
+
+void progress(const std::string& text);  // to stderr, while the run goes
+std::string fmt(const char* format, double v);
+std::string met(bool ok);
+double median(std::vector<double> v);
+std::uint64_t mono_ns();
+double seconds_between(std::uint64_t from_ns, std::uint64_t to_ns);
+
+// The RT payload of record seq: its number and send time up front, filled to size.
+Bytes payload(std::size_t size, std::uint64_t seq, std::uint64_t sent_ns);
+// What ipcd publishes for such a record, framed the same way.
+Bytes framed_rt(const Bytes& data, std::uint64_t timestamp);
+// count records of id, numbered from 0, into ipcd's RX in writes of ~256 KiB.
+void write_records(Daemon& daemon, std::uint32_t id, std::size_t size, std::size_t count);
+
+// Counts the framed RT records it receives by number: unique, duplicated, and
+// (with latency) the time from the send time in the payload to receipt.
+class Tally : public ecu::kora::com::ISubscriptionObserver {
+public:
+    Tally(std::size_t expected, bool latency) : m_expected(expected), m_latency(latency) {}
+    void message(const std::string& topic, const ecu::kora::com::Message& msg) override;
+    // Until every record came, or nothing came for 2 s.
+    void wait();
+    std::size_t lost() const;
+    std::size_t duplicated() const;
+    std::uint64_t last_ns() const;
+    double rate(std::uint64_t start_ns) const;  // unique per second, start to last receipt
+    double latency_us(double q) const;          // the q-quantile; -1 when none
+
+private:
+    const std::size_t m_expected;
+    const bool m_latency;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::vector<bool> m_seen;
+    std::size_t m_unique = 0;
+    std::size_t m_duplicated = 0;
+    std::size_t m_other = 0;
+    std::uint64_t m_last_ns = 0;
+    std::vector<std::uint64_t> m_latencies_ns;
+};
+
+// The product's client subscribed to a topic, counting into a Tally.
+struct Subscriber {
+    Subscriber(int port, const std::string& topic, std::size_t expected, bool latency = false);
+    std::shared_ptr<Tally> tally;
+    Client client;
+};
+
+// A plain libmosquitto publisher in threaded mode, what a client application
+// would write: QoS 0, waits while g_max_outstanding messages are unwritten.
+class PlainPublisher {
+public:
+    explicit PlainPublisher(int port);
+    ~PlainPublisher();
+    PlainPublisher(const PlainPublisher&) = delete;
+    PlainPublisher& operator=(const PlainPublisher&) = delete;
+    void publish(const std::string& topic, const Bytes& payload);
+    void drain();  // until every message is written
+
+private:
+    mosquitto* m_mosq;
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::size_t m_outstanding = 0;
+    int m_connack = -1;
+};
+
+// What a process has cost so far, all threads together.
+struct Costs {
+    std::uint64_t cpu_ns = 0;        // the scheduler's run time (schedstat)
+    std::uint64_t reads = 0;         // read-class system calls (/proc/PID/io syscr)
+    std::uint64_t writes = 0;        // write-class system calls (syscw)
+    std::uint64_t max_reads = 0;     // read-class calls of its busiest reader thread
+    std::uint64_t instructions = 0;  // user-space, from perf counters; 0 without them
+    std::uint64_t news = 0;          // operator new (its own C++ code and protobuf)
+    std::uint64_t mallocs = 0;       // malloc, calloc, realloc: every allocation
+};
+
+// Reads a running process's costs: perf counters opened on each of its threads
+// when the meter is made, allocation counts when it runs under the counting
+// allocator (see alloc_env()).
+class CostMeter {
+public:
+    CostMeter(pid_t pid, const std::string& alloc_counts);
+    ~CostMeter();
+    CostMeter(const CostMeter&) = delete;
+    CostMeter& operator=(const CostMeter&) = delete;
+    Costs now() const;
+    bool has_instructions() const { return !m_counters.empty(); }
+    bool has_allocations() const { return m_alloc != nullptr; }
+
+private:
+    pid_t m_pid;
+    std::vector<int> m_counters;
+    const std::atomic<std::uint64_t>* m_alloc = nullptr;
+};
+
+// The environment that starts ipcd under the counting allocator, counting
+// into the file at path; empty when the allocator was not built.
+std::vector<std::string> alloc_env(const std::string& path);
+
+std::uint64_t cpu_ns(pid_t pid);
+std::uint64_t self_cpu_ns();  // this process, ended threads included
+std::size_t vm_rss_bytes(pid_t pid);
+
+// The figures, each adding its rows and notes. The relay figures run on a
+// released ipcd; the others start their own.
+void relay(const Config& cfg, Report& report, int port, Daemon& daemon, pid_t broker);
+void latency(const Config& cfg, Report& report, int port, Daemon& daemon);
+void broker_to_rt(const Config& cfg, Report& report, int port, Daemon& daemon);
+void idle(const Config& cfg, Report& report, Daemon& daemon);
+void earlybird(const Config& cfg, Report& report, int port);
+void restart(const Config& cfg, Report& report);
+void soak(const Config& cfg, Report& report, int port);
+void profile(const Config& cfg, Report& report, int port);
+
+}  // namespace bench
