@@ -25,6 +25,7 @@
 #include "configuration.h"
 #include "date_time.h"
 #include "message_adapter.h"
+#include "message_text.h"
 #include "mqtt_client.h"
 #include "signal_values.h"
 #include "topics.h"
@@ -37,7 +38,6 @@ namespace pb = ecu::kora::pb;
 namespace topics = ecu::kora::com::topics;
 using topics::catalogue_topic;
 using namespace ipcd_tools;
-using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -202,162 +202,6 @@ int publish(const Options& o, const std::string& topic, const T& body) {
         return 1;
     }
     return 0;
-}
-
-// The header fields of a frame; empty when there is no readable header.
-Json header_of(const com::Message& msg) {
-    pb::QTXHeader header;
-    if (msg.payload.size() < com::qtx_header_length ||
-        !header.ParseFromArray(msg.payload.data(), static_cast<int>(com::qtx_header_length))) {
-        return nullptr;
-    }
-    const std::uint64_t info = header.frame_info();
-    return Json{{"protocol_type", info & 0xFFFFU},
-                {"header_length", (info >> 16U) & 0xFFFFU},
-                {"body_length", info >> 32U},
-                {"timestamp", header.timestamp()}};
-}
-
-template <typename T>
-bool body_of(const com::Message& msg, T& body) {
-    auto result = com::PbInternalMessageAdapter<T>(1).deserialize(msg);
-    body = result.body;
-    return result.success;
-}
-
-Json signal_values(const Catalogue* catalogue, const std::string& topic, const std::string& data) {
-    const auto* group = catalogue != nullptr ? catalogue->by_topic(topic) : nullptr;
-    if (group == nullptr) {
-        return nullptr;
-    }
-    Json out = Json::object();
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(data.data());
-    for (const auto& [name, value] : Catalogue::decode(*group, bytes, data.size())) {
-        auto number = parse_number(value);
-        out[name] = number ? Json(*number) : Json(value);
-    }
-    return out;
-}
-
-// The message decoded by the body type its topic carries.
-Json decode(const Catalogue* catalogue, const std::string& topic, const com::Message& msg) {
-    Json j{{"topic", topic}, {"retained", msg.retained}, {"qos", msg.qos}};
-    Json header = header_of(msg);
-    Json body;
-    std::string type;
-    auto starts = [&topic](const std::string& prefix) { return topic.rfind(prefix, 0) == 0; };
-    if (!header.is_null() && topic != topics::end_of_data) {
-        if (starts(topics::rt_prefix) || topic == topics::system_state) {
-            pb::RtSignal b;
-            if (body_of(msg, b)) {
-                type = "RtSignal";
-                body = Json{{"timestamp", b.timestamp()},
-                            {"data", to_hex(b.data())},
-                            {"tag", b.tag()},
-                            {"source", b.source()}};
-                if (topic == topics::system_state && !b.data().empty()) {
-                    body["state"] = static_cast<std::uint8_t>(b.data()[0]);
-                }
-                Json values = signal_values(catalogue, topic, b.data());
-                if (!values.is_null()) {
-                    body["signals"] = values;
-                }
-            }
-        } else if (topic == topics::announcement) {
-            pb::SubscriptionMessage b;
-            if (body_of(msg, b)) {
-                type = "SubscriptionMessage";
-                body = Json{{"topics",
-                             Json(std::vector<std::string>(b.topics().begin(), b.topics().end()))}};
-            }
-        } else if (topic == topics::subscription_status) {
-            pb::SubscriptionStatus b;
-            if (body_of(msg, b)) {
-                type = "SubscriptionStatus";
-                body = Json{{"topics",
-                             Json(std::vector<std::string>(b.topics().begin(), b.topics().end()))},
-                            {"topic_count", b.topic_count()},
-                            {"requested_count", b.requested_count()}};
-            }
-        } else if (topic == topics::tpa_status) {
-            pb::TPAStatus b;
-            if (body_of(msg, b)) {
-                type = "TPAStatus";
-                body = Json{{"wait_for_target", b.wait_for_target()},
-                            {"target_reached", b.target_reached()}};
-            }
-        } else if (starts(topics::rttx_prefix)) {
-            pb::SignalGroupData b;
-            if (body_of(msg, b)) {
-                type = "SignalGroupData";
-                body = Json{{"timestamp", b.timestamp()}, {"signals", Json::object()}};
-                const auto* group =
-                    catalogue != nullptr ? catalogue->by_topic(catalogue_topic(topic)) : nullptr;
-                for (const auto& s : b.signals()) {
-                    Json value = to_hex(s.data());
-                    if (group != nullptr && s.data().size() <= 8) {
-                        std::uint64_t n = 0;
-                        for (std::size_t i = 0; i < s.data().size(); ++i) {
-                            n |= static_cast<std::uint64_t>(static_cast<std::uint8_t>(s.data()[i]))
-                                 << (8 * i);
-                        }
-                        value = n;
-                    }
-                    body["signals"][s.name()] = value;
-                }
-            }
-        }
-    }
-    if (type.empty()) {
-        j["type"] = "raw";
-        j["payload"] = to_hex(msg.payload);
-    } else {
-        j["header"] = header;
-        j["type"] = type;
-        j["body"] = body;
-    }
-    return j;
-}
-
-std::string flat(const Json& value) {
-    if (value.is_string()) {
-        return value.get<std::string>();
-    }
-    if (value.is_array()) {
-        std::string out;
-        for (const auto& v : value) {
-            out += (out.empty() ? "" : ",") + flat(v);
-        }
-        return out.empty() ? "-" : out;
-    }
-    if (value.is_boolean()) {
-        return value.get<bool>() ? "1" : "0";
-    }
-    return value.dump();
-}
-
-// One line: topic, flags, header, body type and fields; signal values last.
-std::string text_line(const Json& j) {
-    std::string out = j["topic"].get<std::string>() + " retained=" + flat(j["retained"]) +
-                      " qos=" + flat(j["qos"]);
-    if (j["type"] == "raw") {
-        return out + " raw " + flat(j["payload"]);
-    }
-    const Json& h = j["header"];
-    out += " proto=" + flat(h["protocol_type"]) + " hlen=" + flat(h["header_length"]) +
-           " blen=" + flat(h["body_length"]) + " ts=" + flat(h["timestamp"]) + " " +
-           flat(j["type"]);
-    for (const auto& [key, value] : j["body"].items()) {
-        if (key == "signals") {
-            out += " |";
-            for (const auto& [name, v] : value.items()) {
-                out += " " + name + "=" + flat(v);
-            }
-        } else {
-            out += " " + key + "=" + flat(value);
-        }
-    }
-    return out;
 }
 
 void print_line(const std::string& line) {
