@@ -92,11 +92,16 @@ TEST(QueuePort, FileIsReplayedAndEndsAndStopsArePrompt) {
         file.insert(file.end(), r.begin(), r.end());
     }
     dir.write("replay", std::string(file.begin(), file.end()));
+    auto fds = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto open_before = fds();
     {
         Reader reader(dir.file("replay"));
         ASSERT_TRUE(reader.wait_finished());
         EXPECT_EQ(reader.count(), 200U);
     }
+    EXPECT_EQ(fds(), open_before);  // the port's descriptor closed with it
     {
         Reader stopped(dir.file("replay"), true);  // with a backlog: ends within a queue's depth
         ASSERT_TRUE(stopped.wait_finished());

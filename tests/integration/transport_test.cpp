@@ -60,6 +60,7 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         {login, tls_with(), ""},
         {cert, client_cert, ""},
         {closed, {}, "Connection refused"},
+        {closed, tls_with("host", "host.invalid"), "host.invalid:.*: .*(not known|name resolution)"},
         {closed, tls_with(), "Connection refused"},
         {login, tls_with("password", "wrong"), "not authorised"},
         {login, tls_with("tls_cafile", tls.file("other-ca.crt")), "certificate verify failed"},
@@ -83,17 +84,23 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         }
     }
     // A TLS error while reconnecting (a plain broker on the TLS port for a
-    // while) does not end reconnecting.
+    // while) does not end reconnecting. What waited beyond the offline queue is counted.
     LogCapture log;
-    Client t(login, tls_with());
+    Client t(login, tls_with("offline_queue", "1"));
     ASSERT_TRUE(t->connect());
     broker.stop();
+    ASSERT_TRUE(log.wait_for(" lost: "));
+    for (const char* text : {"1", "2", "3"}) {
+        Message m = message(std::string(text));
+        EXPECT_EQ(t->publish("a", m), 1);
+    }
     {
         Broker plain("listener " + std::to_string(login) + " 127.0.0.1\nallow_anonymous true\n");
         ASSERT_TRUE(log.wait_for("ended: A TLS error"));
     }
     broker.start();
     EXPECT_TRUE(log.wait_for("re-established"));
+    EXPECT_TRUE(log.wait_for("2 messages were dropped while the broker was unreachable (limit 1)"));
     t->stop();
 }
 

@@ -12,7 +12,7 @@ using Bytes = std::vector<std::uint8_t>;
 using Ids = std::vector<std::uint32_t>;
 
 Bytes encoded(std::uint32_t id, std::size_t size, std::uint32_t declared_length = UINT32_MAX) {
-    Bytes out;
+    Bytes out(64, 0xEE);  // a reused buffer: every header byte must be written
     EXPECT_TRUE(encode_record(
         {id, static_cast<std::uint8_t>(id + 100), 0x1122334455667788ULL, Bytes(size, 7)}, out));
     for (std::size_t i = 0; declared_length != UINT32_MAX && i < 4; ++i) {
@@ -57,8 +57,8 @@ TEST(RecordFormat, EncodesTheHeaderAndLimitsThePayload) {
               (Bytes{'Q',  'P',  'R',  '1',  4, 3, 2, 1, 0x88, 0x77, 0x66, 0x55,
                      0x44, 0x33, 0x22, 0x11, 3, 0, 0, 0, 0x68, 0,    0,    0}));
     Bytes out;
-    EXPECT_TRUE(encode_record({1, 0, 0, Bytes(record_max_payload)}, out));
-    EXPECT_FALSE(encode_record({1, 0, 0, Bytes(record_max_payload + 1)}, out));
+    EXPECT_TRUE(encode_record({1, 0, 0, Bytes(65536)}, out));
+    EXPECT_FALSE(encode_record({1, 0, 0, Bytes(65537)}, out));
 }
 
 TEST(RecordFormat, SplitsAnUndamagedStreamAtEveryPoint) {
@@ -75,7 +75,7 @@ TEST(RecordFormat, SkipsDamageAndKeepsWhatFollows) {
     const Bytes wrong = encoded(9, 20);
     const std::pair<const char*, Bytes> cases[] = {
         {"garbage with a lone Q and a partial magic", {'x', 'Q', 'Z', 'Q', 'P', 'R', '0', 'y'}},
-        {"length over the limit", encoded(9, 20, record_max_payload + 1)},
+        {"length over the limit", encoded(9, 20, 65537)},
         {"length too long, reaching into the next record", encoded(9, 20, 30)},
         {"length too short", encoded(9, 20, 2)},
         {"a cut record", Bytes(wrong.begin(), wrong.begin() + 30)},
