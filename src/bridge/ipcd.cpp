@@ -112,13 +112,11 @@ void IPCd::run() {
     logging::INFO << g_log << "Subscribed to: '" << g_state_topic << "'";
     m_transport->subscribe(g_tpa_topic, 0, observer());
 
-    std::uint32_t frame_start_id = catalogue.map_topic_to_rtid(g_frame_start_topic);
-    if (frame_start_id == 0) {
+    if (catalogue.map_topic_to_rtid(g_frame_start_topic) == 0) {
         logging::EMERG << g_log << "Unable to find FRAME_START_ID topic in SignalAdapter data"
                        << " definition " << g_frame_start_topic;
         std::exit(1);
     }
-    m_reader.frame_start_id = frame_start_id;
 
     if (!m_writer.open(m_queue_tx)) {
         logging::ERROR << g_log << "Unable to open TX queue device for writing: " << m_queue_tx;

@@ -125,6 +125,13 @@ TEST(Transport, DeliveryRules) {
     EXPECT_EQ(rttx->topics(), (std::vector<std::string>{"rttx/a", "rttx/b/c"}));
     EXPECT_EQ(status->topics(), (std::vector<std::string>{"status/one", "status/end"}));
     EXPECT_EQ(log.find("observer failure").size(), 1U);
+    broker.pause();  // a QoS 1 message is pending until the broker acknowledges it
+    Message m = message(std::string("q"), 1);
+    EXPECT_TRUE(t->publish("status/q", m) == 1 && t->pending() == 1);
+    broker.resume();
+    EXPECT_TRUE(wait_until([&] { return t->pending() == 0; }));
+    t->stop();
+    EXPECT_TRUE(log.find("stopping with").empty());  // nothing was left behind
 }
 
 }  // namespace

@@ -130,17 +130,6 @@ Client::Client(int port, const std::map<std::string, std::string>& settings)
         ecu::kora::com::create_client(config, ecu::kora::com::TransportType::mqtt));
 }
 
-namespace {
-
-void must(const std::vector<std::string>& argv) {
-    const Outcome r = run(argv);
-    if (r.status != 0) {
-        throw std::runtime_error(argv[0] + " " + argv[1] + " failed: " + r.err);
-    }
-}
-
-}  // namespace
-
 int free_port() {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in addr{};
@@ -179,6 +168,11 @@ void Broker::stop(bool hard) {
 }
 
 TlsFiles::TlsFiles() {
+    auto must = [](const std::vector<std::string>& argv) {
+        if (const Outcome r = run(argv); r.status != 0) {
+            throw std::runtime_error(argv[0] + " " + argv[1] + " failed: " + r.err);
+        }
+    };
     for (const auto& [name, issuer, san] :
          {std::tuple<std::string, std::string, std::string>{"ca", "", ""},
           {"other-ca", "", ""},
@@ -308,17 +302,10 @@ void release(Daemon& daemon, int port) {
 
 std::unique_ptr<Process> generate(const Daemon& daemon, const std::string& topics, unsigned rate,
                                   unsigned count) {
-    std::vector<std::string> argv{g_sim,
-                                  "--rx",
-                                  daemon.dir().file("rx"),
-                                  "--tx",
-                                  daemon.dir().file("sim-tx"),
-                                  "--generate",
-                                  topics,
-                                  "--rate",
-                                  std::to_string(rate),
-                                  "--catalogue",
-                                  g_sample_catalogue};
+    const TempDir& dir = daemon.dir();
+    std::vector<std::string> argv{g_sim, "--rx", dir.file("rx"), "--tx", dir.file("sim-tx")};
+    argv.insert(argv.end(), {"--generate", topics, "--rate", std::to_string(rate)});
+    argv.insert(argv.end(), {"--catalogue", g_sample_catalogue});
     if (count != 0) {
         argv.insert(argv.end(), {"--count", std::to_string(count), "--keep-open"});
     }

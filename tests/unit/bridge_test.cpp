@@ -200,10 +200,10 @@ TEST_F(Bridge, EarlybirdKeepsArrivalOrderAcrossBatchesAndReadsRequestedAtDrain) 
     EXPECT_TRUE(log.has(logging::notice,
                         "kirn.target has been reached on both partitions, start "
                         "publishing earlybird data (queue size: 6)"));
-    EXPECT_EQ(log.find("done. 8 entries have been processed through the ipcd earlybird queue and "
-                       "4 have been published to subscribed topics. The initial queue size was 6")
-                  .size(),
-              1U);
+    EXPECT_TRUE(log.has(logging::notice,
+                        "Earlybird message processing done. 8 entries have been processed through "
+                        "the ipcd earlybird queue and 4 have been published to subscribed topics. "
+                        "The initial queue size was 6"));
 }
 
 TEST_F(Bridge, TargetStatusRules) {
@@ -221,9 +221,8 @@ TEST_F(Bridge, TargetStatusRules) {
     bridge->start_earlybird_thread();
     bridge->consume(record(10));
     release();
-    EXPECT_EQ(log.find("1 entries have been processed through the ipcd earlybird queue and 0 have")
-                  .size(),
-              1U);
+    EXPECT_FALSE(
+        log.find("1 entries have been processed through the ipcd earlybird queue and 0").empty());
 
     make_bridge(g_catalogue);  // reported before the thread waits: no block
     bridge->message("system/tpa/status", message(tpa(true, true)));
@@ -236,12 +235,10 @@ TEST_F(Bridge, StatusIsPublishedOnlyWhenTheRequestedCountGrows) {
     logging::configure_logging("INFO");
     bridge->message("subscription/announcement", message(announcement({"rt/b", "rt/a", "rt/b"})));
     ASSERT_EQ(fake->published_topics(), Topics{"system/ipc/subscriptions"});
-    EXPECT_EQ(fake->published()[0].second.qos, 1);
-    EXPECT_TRUE(fake->published()[0].second.retained);
+    EXPECT_TRUE(fake->published()[0].second.qos == 1 && fake->published()[0].second.retained);
     const auto status = unframed<pb::SubscriptionStatus>(fake->published()[0].second.payload);
     EXPECT_EQ(Topics(status.topics().begin(), status.topics().end()), (Topics{"rt/a", "rt/b"}));
-    EXPECT_EQ(status.topic_count(), 4U);
-    EXPECT_EQ(status.requested_count(), 2U);
+    EXPECT_TRUE(status.topic_count() == 4 && status.requested_count() == 2);
     EXPECT_EQ(log.find("Client App request data for: rt/b").size(), 2U);
     bridge->message("subscription/announcement", message(announcement({"rt/a"})));
     bridge->message("subscription/announcement",
@@ -286,8 +283,8 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
     logging::configure_logging("DEBUG");
     bridge->m_log_rt_signals = {10};
     ASSERT_TRUE(bridge->m_writer.open(dir.write("tx", "")));
-    bridge->message("rttx/a", message(group_data({{"A", "\x09\x09"}, {"Z", "\x01"}},
-                                                 1)));  // fails: no cache entry
+    // A signal the group lacks: refused, and nothing cached.
+    bridge->message("rttx/a", message(group_data({{"A", "\x09\x09"}, {"Z", "\x01"}}, 1)));
     EXPECT_TRUE(log.has(logging::error, "Unpacking of SignalGroup for topic 'rt/a' failed"));
     EXPECT_EQ(bridge->m_tx_groups.count("rt/a"), 0U);
     bridge->message("rttx/a", message(group_data({{"B", "\x03\x04"}}, 100)));
@@ -302,8 +299,7 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
         IpcSignal r;
         ASSERT_TRUE(decoder.next(r));
         EXPECT_EQ(r.data, images[i]);
-        EXPECT_EQ(r.id, 10U);
-        EXPECT_EQ(r.tag, 0U);
+        EXPECT_TRUE(r.id == 10 && r.tag == 0);
         EXPECT_EQ(r.timestamp, 100 * (i + 1));  // the message's own
     }
     EXPECT_TRUE(log.has(logging::debug, "[RT_SIGNAL_LOG] send: 10"));

@@ -17,6 +17,11 @@ using List = std::vector<std::string>;
 struct FakeLink : Outbox::Link {
     Outbox::Sent send(const std::string& topic, const std::vector<std::uint8_t>& payload, int qos,
                       bool retained, int& mid, std::string& reason) override {
+        if (Outbox* box = std::exchange(bounce, nullptr)) {  // lost and back under the send
+            box->disconnected();
+            box->connected();
+            return Outbox::Sent::no_connection;
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
         mid = ++m_mid;
         reason = "scripted";
@@ -31,6 +36,7 @@ struct FakeLink : Outbox::Link {
         return std::exchange(m_sent, {});
     }
     std::atomic<Outbox::Sent> answer{Outbox::Sent::ok};
+    Outbox* bounce = nullptr;
     std::mutex m_mutex;
     List m_sent;
     int m_mid = 0;
@@ -69,6 +75,9 @@ TEST(Outbox, KeepsOrderAcrossALossAndRestoresRetainedFirst) {
     EXPECT_TRUE(resumed.reconnection);
     EXPECT_EQ(resumed.sent, 2U);
     EXPECT_EQ(resumed.restored, 1U);
+    link.bounce = &box;  // already back: sent again at once, after the restored status
+    box.publish("t", msg("d"), false);
+    EXPECT_EQ(link.take(), (List{"status=s2 retained", "t=d"}));
 }
 
 TEST(Outbox, DropsTheOldestBeyondTheLimitAndCountsThem) {

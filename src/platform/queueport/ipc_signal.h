@@ -7,9 +7,9 @@ namespace ecu::kora::ipc {
 
 // One queue-port record.
 struct IpcSignal {
-    std::uint32_t id = 0;
-    std::uint8_t tag = 0;
-    std::uint64_t timestamp = 0;
+    std::uint32_t id{};
+    std::uint8_t tag{};
+    std::uint64_t timestamp{};
     std::vector<std::uint8_t> data;
 };
 

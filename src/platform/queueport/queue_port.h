@@ -52,8 +52,6 @@ public:
     // error, or within 100 ms of stop_requested being set.
     virtual void read_loop();
 
-    // RT id that opens an RT frame; set before read_loop starts.
-    std::uint32_t frame_start_id = 0;
     // Set from another thread to end read_loop.
     std::atomic<bool> stop_requested{false};
 
@@ -93,8 +91,5 @@ private:
 
 using RxQueuePort = QueuePortReader<24, signal_t_dyn<24>>;
 using TxQueuePort = QueuePortWriter<8, signal_t_dyn<8>>;
-
-extern template class QueuePortReader<24, signal_t_dyn<24>>;
-extern template class QueuePortWriter<8, signal_t_dyn<8>>;
 
 }  // namespace ecu::kora::ipc

@@ -62,8 +62,8 @@ public:
 
     // What close() left behind.
     struct Unsent {
-        std::size_t unconfirmed = 0;  // handed to the connection, not confirmed
-        std::size_t offline = 0;      // never sent
+        std::size_t unconfirmed;  // handed to the connection, not confirmed
+        std::size_t offline;      // never sent
     };
 
     Outbox(Link& link, std::size_t max_pending, std::size_t offline_limit);
