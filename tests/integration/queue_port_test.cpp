@@ -42,9 +42,6 @@ struct Reader : IDataConsumer<IpcSignal> {
         std::lock_guard<std::mutex> lock(mutex);
         return ids.size();
     }
-    bool wait_finished() {
-        return wait_until([&] { return finished_count > 0; });
-    }
     std::mutex mutex;
     std::vector<std::uint32_t> ids;
     std::vector<std::size_t> resyncs;
@@ -75,7 +72,7 @@ TEST(QueuePort, ReaderDeliversAcrossReadsAndReportsEachDamageStretchOnce) {
     write_all(fd, Bytes(17, 0xAB));
     write_all(fd, encoded(2, 8));
     ::close(fd);
-    ASSERT_TRUE(reader.wait_finished());
+    ASSERT_TRUE(wait_until([&] { return reader.finished_count > 0; }));
     EXPECT_EQ(reader.ids, (std::vector<std::uint32_t>{1, 2}));
     EXPECT_EQ(reader.resyncs, std::vector<std::size_t>{37});
     ASSERT_EQ(log.find("out of step").size(), 1U);
@@ -98,19 +95,19 @@ TEST(QueuePort, FileIsReplayedAndEndsAndStopsArePrompt) {
     const auto open_before = fds();
     {
         Reader reader(dir.file("replay"));
-        ASSERT_TRUE(reader.wait_finished());
+        ASSERT_TRUE(wait_until([&] { return reader.finished_count > 0; }));
         EXPECT_EQ(reader.count(), 200U);
     }
     EXPECT_EQ(fds(), open_before);  // the port's descriptor closed with it
     {
         Reader stopped(dir.file("replay"), true);  // with a backlog: ends within a queue's depth
-        ASSERT_TRUE(stopped.wait_finished());
+        ASSERT_TRUE(wait_until([&] { return stopped.finished_count > 0; }));
         EXPECT_LE(stopped.count(), 24U);
     }
     Reader idle(dir.fifo("idle"));  // idle with a silent writer: the stop is seen
     const int fd = ::open(dir.file("idle").c_str(), O_WRONLY | O_CLOEXEC);
     idle.port.stop_requested = true;
-    EXPECT_TRUE(idle.wait_finished());
+    EXPECT_TRUE(wait_until([&] { return idle.finished_count > 0; }));
     ::close(fd);
     EXPECT_FALSE(idle.port.open("/nonexistent/rx"));
     EXPECT_EQ(log.find("/nonexistent/rx: No such file or directory").size(), 1U);

@@ -41,7 +41,6 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
     Broker broker(tls.listener(login) + tls.listener(cert, false) +
                   tls.listener(wrong_name, true, true));
     const int closed = free_port();
-    const Settings pass{{"username", "ipcd"}, {"password", "Hunter2"}};
     auto tls_with = [&](const char* key = "tls_cafile", const std::string& value = {}) {
         Settings s{
             {"tls_cafile", tls.file("ca.crt")}, {"username", "ipcd"}, {"password", "Hunter2"}};
@@ -66,7 +65,7 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         {login, tls_with("tls_cafile", tls.file("other-ca.crt")), "certificate verify failed"},
         {wrong_name, tls_with(), "certificate verify failed|host name verification failed"},
         {broker.port(), tls_with(), "is it a plain port\\?"},
-        {login, pass, "is it a TLS port\\?"},
+        {login, {{"username", "ipcd"}, {"password", "Hunter2"}}, "is it a TLS port\\?"},
         // clang-format on
     };
     for (const auto& c : cases) {
@@ -94,6 +93,8 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         Message m = message(std::string(text));
         EXPECT_EQ(t->publish("a", m), 1);
     }
+    Message q = message(std::string("q"), 1);  // QoS 1: libmosquitto keeps it itself
+    EXPECT_EQ(t->publish("a", q), 1);
     {
         Broker plain("listener " + std::to_string(login) + " 127.0.0.1\nallow_anonymous true\n");
         ASSERT_TRUE(log.wait_for("ended: A TLS error"));
@@ -114,6 +115,8 @@ TEST(Transport, DeliveryRules) {
     ASSERT_TRUE(t->connect());
     ASSERT_TRUE(t->subscribe("status/+", 0, status));  // after: at once
     EXPECT_FALSE(t->subscribe("bad/#/filter", 0, status));
+    EXPECT_FALSE(Client(broker.port(), {{"host", ""}}).client);  // refused before connecting
+    EXPECT_EQ(log.find("transport setting 'host' is not set").size(), 1U);
     for (const char* topic : {"rttx/a", "rtt/x", "rttx/throw", "rttx/b/c", "status/one",
                               "status/one/two", "status/end"}) {
         Message m = message(std::string("x"));

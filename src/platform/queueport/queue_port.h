@@ -60,7 +60,7 @@ public:
     std::uint64_t rounds() const { return m_rounds.load(std::memory_order_relaxed); }
 
 private:
-    std::atomic<std::uint64_t> m_rounds{0};
+    std::atomic<std::uint64_t> m_rounds{};
     IDataConsumer<IpcSignal>& m_consumer;
     int m_fd = -1;
     std::string m_path;

@@ -217,12 +217,11 @@ void MqttClient::shut_down_loop() {
     std::mutex nudge_mutex;
     std::condition_variable nudge_cv;
     bool joined = false;
-    mosquitto_disconnect(m_mosq);
     std::thread nudger([&] {
         std::unique_lock<std::mutex> lock(nudge_mutex);
-        while (!nudge_cv.wait_for(lock, 200ms, [&] { return joined; })) {
+        do {
             mosquitto_disconnect(m_mosq);
-        }
+        } while (!nudge_cv.wait_for(lock, 200ms, [&] { return joined; }));
     });
     // A first connection that never succeeded may have left the thread
     // spinning inside the TLS library, deaf to the request: cancel it.

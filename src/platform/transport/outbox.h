@@ -123,7 +123,7 @@ private:
     bool m_open = false;
     bool m_connected = false;
     bool m_ever_connected = false;
-    std::uint64_t m_generation = 0;  // counts connection losses
+    std::uint64_t m_generation{};  // counts connection losses
     std::size_t m_pending_qos0 = 0;
     std::size_t m_pending_qos1 = 0;
     std::size_t m_pending_high = 0;
