@@ -58,8 +58,8 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
          "transport setting 'keepalive' is 'soon', not a number from 0 to 65535", ""},
         {{"-L", "-p", absent}, catalogue("rt/system/timestamp"), 1,
          "ERROR daemon: Unable to set time_sync_id", "MQTT"},
-        {{"-L", "-p", absent, "-c", conf("keepalive=\nmax_pending=\noffline_queue=\n")}, sample, 0,
-         "ERROR daemon: Unable to connect to MQTT broker!", ""},  // empty: the defaults
+        {{"-L", "-p", absent, "-c", conf("keepalive=0\nmax_pending=\noffline_queue=0\n")}, sample, 0,
+         "ERROR daemon: Unable to connect to MQTT broker!", ""},  // lowest, or the default
         {{"-L", "-l", "INFO", "-p", port}, catalogue("rt/system/time_sync"), 1,
          "EMERG daemon: Unable to find FRAME_START_ID topic in SignalAdapter data definition "
          "rt/system/timestamp", ""},
