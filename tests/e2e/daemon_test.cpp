@@ -60,12 +60,12 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
          "ERROR daemon: Unable to set time_sync_id", "MQTT"},
         {{"-L", "-p", absent, "-c", conf("keepalive=0\nmax_pending=\noffline_queue=0\n")}, sample, 0,
          "ERROR daemon: Unable to connect to MQTT broker!", ""},  // lowest, or the default
-        {{"-L", "-l", "INFO", "-p", port}, catalogue("rt/system/time_sync"), 1,
+        {{"-L", "-l", "INFO", "-H", "127.0.0.1", "-p", port}, catalogue("rt/system/time_sync"), 1,
          "EMERG daemon: Unable to find FRAME_START_ID topic in SignalAdapter data definition "
          "rt/system/timestamp", ""},
-        {{"-L", "-p", port, "-t", dir.file("none"), "-r", dir.fifo("rx")}, sample, 1,
+        {{"-L", "-H", "127.0.0.1", "-p", port, "-t", dir.file("none"), "-r", dir.fifo("rx")}, sample, 1,
          "ERROR daemon: Unable to open TX queue device for writing: " + dir.file("none"), "RX queue"},
-        {{"-L", "-p", port, "-t", dir.write("tx", ""), "-r", dir.file("none")}, sample, 1,
+        {{"-L", "-H", "127.0.0.1", "-p", port, "-t", dir.write("tx", ""), "-r", dir.file("none")}, sample, 1,
          "ERROR daemon: Unable to open RX queue device for reading: " + dir.file("none"), ""},
         // clang-format on
     };
