@@ -1,6 +1,8 @@
 // Where ipcd's instructions go for each relayed 64 B record: ipcd under
-// callgrind, collecting only while records are relayed (after start-up and
-// the earlybird flush), split by the object the instructions ran in.
+// callgrind, instrumented only while records are relayed (after start-up and
+// the earlybird flush). Its own share is everything but what runs inside
+// libmosquitto's publish and network loop (ipcd's callbacks from there count
+// as its own); the note splits the total by library.
 
 #include <unistd.h>
 
