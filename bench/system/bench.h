@@ -101,10 +101,24 @@ private:
     std::vector<std::uint64_t> m_latencies_ns;
 };
 
-// The product's client subscribed to a topic, counting into a Tally.
+// Counts whatever arrives (any payload), and when the last came.
+struct Arrivals : ecu::kora::com::ISubscriptionObserver {
+    void message(const std::string&, const ecu::kora::com::Message&) override {
+        ++count;
+        last_ns = mono_ns();
+    }
+    std::atomic<std::size_t> count{0};
+    std::atomic<std::uint64_t> last_ns{0};
+};
+
+// The product's client subscribed to a topic for an observer (by default a
+// Tally of expected records); the subscription is live once it is made.
 struct Subscriber {
-    Subscriber(int port, const std::string& topic, std::size_t expected, bool latency = false);
-    std::shared_ptr<Tally> tally;
+    Subscriber(int port, const std::string& topic,
+               std::shared_ptr<ecu::kora::com::ISubscriptionObserver> observer);
+    Subscriber(int port, const std::string& topic, std::size_t expected, bool latency = false)
+        : Subscriber(port, topic, std::make_shared<Tally>(expected, latency)) {}
+    std::shared_ptr<Tally> tally;  // the observer, when it is a Tally
     Client client;
 };
 
@@ -136,6 +150,9 @@ struct Costs {
     std::uint64_t instructions = 0;  // user-space, from perf counters; 0 without them
     std::uint64_t news = 0;          // operator new (its own C++ code and protobuf)
     std::uint64_t mallocs = 0;       // malloc, calloc, realloc: every allocation
+
+    Costs& operator+=(const Costs& more);
+    Costs operator-(const Costs& before) const;  // what was spent since before
 };
 
 // Reads a running process's costs: perf counters opened on each of its threads

@@ -226,19 +226,22 @@ namespace {
 std::atomic<int> g_clients{0};  // each subscriber a client name of its own
 }
 
-Subscriber::Subscriber(int port, const std::string& topic, std::size_t expected, bool latency)
-    : tally(std::make_shared<Tally>(expected, latency)),
+Subscriber::Subscriber(int port, const std::string& topic,
+                       std::shared_ptr<ecu::kora::com::ISubscriptionObserver> observer)
+    : tally(std::dynamic_pointer_cast<Tally>(observer)),
       client(port, {{"client_name", "bench-" + std::to_string(++g_clients)}}) {
-    if (!client->subscribe(topic, 0, tally) || !client->connect() || !client->start()) {
+    if (!client->subscribe(topic, 0, std::move(observer)) || !client->connect() ||
+        !client->start()) {
         throw std::runtime_error("cannot subscribe to " + topic);
     }
-    // The SUBACK has no callback here: a retained marker says the broker has it.
-    const std::string marker = "bench/ready/" + std::to_string(g_clients);
-    auto seen = std::make_shared<Tally>(1, false);
+    // The SUBACK has no callback here: a marker published until it comes back
+    // says that the broker has the subscriptions, which it takes in order.
+    const std::string marker = "bench/ready/" + client->client_name();
+    auto seen = std::make_shared<Arrivals>();
     client->subscribe(marker, 0, seen);
     PlainPublisher pub(port);
-    for (int i = 0; i < 200 && seen->lost() > 0; ++i) {
-        pub.publish(marker, framed_rt(payload(16, 0, 0), 0));
+    for (int i = 0; i < 200 && seen->count == 0; ++i) {
+        pub.publish(marker, Bytes{1});
         std::this_thread::sleep_for(10ms);
     }
 }

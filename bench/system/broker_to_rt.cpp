@@ -9,20 +9,8 @@ namespace bench {
 void broker_to_rt(const Config& cfg, Report& report, int port, Daemon& daemon) {
     const std::size_t count = cfg.rttx_count;
     progress("broker->RT x " + std::to_string(count));
-    struct Counter : ecu::kora::com::ISubscriptionObserver {
-        std::atomic<std::size_t> got{0};
-        std::atomic<std::uint64_t> last{0};
-        void message(const std::string&, const ecu::kora::com::Message&) override {
-            ++got;
-            last = mono_ns();
-        }
-    };
-    auto seen = std::make_shared<Counter>();
-    Client sub(port, {{"client_name", "bench-rttx"}});
-    if (!sub->subscribe(g_rttx_topic, 0, seen) || !sub->connect() || !sub->start()) {
-        throw std::runtime_error("cannot subscribe to " + g_rttx_topic);
-    }
-    std::this_thread::sleep_for(200ms);
+    auto seen = std::make_shared<Arrivals>();
+    Subscriber sub(port, g_rttx_topic, seen);
     const std::size_t before = daemon.tx_records(0).size();
     PlainPublisher pub(port);
     const std::uint64_t start = mono_ns();
@@ -46,15 +34,15 @@ void broker_to_rt(const Config& cfg, Report& report, int port, Daemon& daemon) {
     }
     pub.drain();
     reader.join();
-    wait_until([&] { return seen->got >= count; }, 5s);
+    wait_until([&] { return seen->count >= count; }, 5s);
     const std::size_t tx = daemon.tx_records(0).size() - before;
     const double tx_rate =
         static_cast<double>(tx) / std::max(1e-9, seconds_between(start, tx_last));
     const double sub_rate =
-        static_cast<double>(seen->got) / std::max(1e-9, seconds_between(start, seen->last));
+        static_cast<double>(seen->count) / std::max(1e-9, seconds_between(start, seen->last_ns));
     report.rows.push_back({"broker->RT, msg/s", fmt("%.0f", tx_rate), fmt("%.0f", sub_rate), "",
                            fmt("%.2f", sub_rate > 0 ? tx_rate / sub_rate : 0), "", ""});
-    report.rows.push_back({"broker->RT, received", std::to_string(tx), std::to_string(seen->got),
+    report.rows.push_back({"broker->RT, received", std::to_string(tx), std::to_string(seen->count),
                            "", "", std::to_string(count), met(tx == count)});
 }
 

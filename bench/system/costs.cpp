@@ -79,6 +79,27 @@ std::vector<std::string> alloc_env(const std::string& path) {
 #endif
 }
 
+Costs& Costs::operator+=(const Costs& more) {
+    cpu_ns += more.cpu_ns;
+    reads += more.reads;
+    writes += more.writes;
+    max_reads += more.max_reads;
+    instructions += more.instructions;
+    news += more.news;
+    mallocs += more.mallocs;
+    return *this;
+}
+
+Costs Costs::operator-(const Costs& before) const {
+    return {cpu_ns - before.cpu_ns,
+            reads - before.reads,
+            writes - before.writes,
+            max_reads - before.max_reads,
+            instructions - before.instructions,
+            news - before.news,
+            mallocs - before.mallocs};
+}
+
 CostMeter::CostMeter(pid_t pid, const std::string& alloc_counts) : m_pid(pid) {
     for (const auto& tid : threads(pid)) {
         perf_event_attr attr{};

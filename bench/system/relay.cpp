@@ -45,23 +45,8 @@ Turn published(int port, std::size_t size, std::size_t count) {
 // bytes each. Counted by arrival only (its payload is text).
 Turn lines(int port, std::size_t size, std::size_t count) {
     const std::string topic = "bench/lines";
-    std::atomic<std::size_t> got{0};
-    std::atomic<std::uint64_t> last{0};
-    struct Counter : ecu::kora::com::ISubscriptionObserver {
-        std::atomic<std::size_t>& got;
-        std::atomic<std::uint64_t>& last;
-        Counter(std::atomic<std::size_t>& g, std::atomic<std::uint64_t>& l) : got(g), last(l) {}
-        void message(const std::string&, const ecu::kora::com::Message&) override {
-            ++got;
-            last = mono_ns();
-        }
-    };
-    Client sub(port, {{"client_name", "bench-lines"}});
-    if (!sub->subscribe(topic, 0, std::make_shared<Counter>(got, last)) || !sub->connect() ||
-        !sub->start()) {
-        throw std::runtime_error("cannot subscribe to " + topic);
-    }
-    std::this_thread::sleep_for(200ms);
+    auto arrived = std::make_shared<Arrivals>();
+    Subscriber sub(port, topic, arrived);
     TempDir dir;
     const std::string fifo = dir.fifo("lines");
     Process pub({"/bin/sh", "-c",
@@ -90,12 +75,13 @@ Turn lines(int port, std::size_t size, std::size_t count) {
     }
     close(fd);
     std::size_t seen = 0;
-    while (got < count && wait_until([&] { return got != seen; }, 2s)) {
-        seen = got;
+    while (arrived->count < count && wait_until([&] { return arrived->count != seen; }, 2s)) {
+        seen = arrived->count;
     }
     pub.wait(10s);
-    const double s = seconds_between(start, last);
-    return {s > 0 ? static_cast<double>(got) / s : 0, count - std::min(count, got.load()), 0};
+    const std::size_t got = arrived->count;
+    const double s = seconds_between(start, arrived->last_ns);
+    return {s > 0 ? static_cast<double>(got) / s : 0, count - std::min(count, got), 0};
 }
 
 std::string join(const std::vector<double>& rates) {
@@ -138,16 +124,9 @@ void relay(const Config& cfg, Report& report, int port, Daemon& daemon, pid_t br
             const std::uint64_t broker0 = cpu_ns(broker);
             const std::uint64_t self0 = self_cpu_ns();
             add(0, relayed(port, daemon, size, cfg.relay_count));
-            const Costs after = meter.now();
+            ipcd += meter.now() - before;
             const std::uint64_t broker1 = cpu_ns(broker);
             const std::uint64_t self1 = self_cpu_ns();
-            ipcd.cpu_ns += after.cpu_ns - before.cpu_ns;
-            ipcd.instructions += after.instructions - before.instructions;
-            ipcd.reads += after.reads - before.reads;
-            ipcd.writes += after.writes - before.writes;
-            ipcd.max_reads += after.max_reads - before.max_reads;
-            ipcd.news += after.news - before.news;
-            ipcd.mallocs += after.mallocs - before.mallocs;
             broker_ns[0] += broker1 - broker0;
             self_ns[0] += self1 - self0;
             progress("plain publisher " + of);
@@ -168,9 +147,11 @@ void relay(const Config& cfg, Report& report, int port, Daemon& daemon, pid_t br
         auto per = [&](std::uint64_t n, const char* format = "%.2f") {
             return fmt(format, static_cast<double>(n) / records);
         };
-        auto us = [&](std::uint64_t ns) { return per(ns / 1000, "%.2f"); };
+        auto us = [&](std::uint64_t ns) {
+            return fmt("%.2f", static_cast<double>(ns) / records / 1e3);
+        };
         const double cpu_us = static_cast<double>(ipcd.cpu_ns) / records / 1e3;
-        report.rows.push_back({label + ", ipcd CPU per record, us", fmt("%.2f", cpu_us), "", "", "",
+        report.rows.push_back({label + ", ipcd CPU per record, us", us(ipcd.cpu_ns), "", "", "",
                                size == 64 ? "<= 1.5" : "", size == 64 ? met(cpu_us <= 1.5) : ""});
         report.notes.push_back(label + ": rates per turn, ipcd " + join(rates[0]) + "; baseline " +
                                join(rates[1]) + "; mosquitto_pub " + join(rates[2]));
