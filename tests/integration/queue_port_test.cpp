@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "logging.h"
@@ -56,6 +57,14 @@ void write_all(int fd, const Bytes& b) {
     ASSERT_EQ(::write(fd, b.data(), b.size()), static_cast<ssize_t>(b.size()));
 }
 
+// Whether the reader has taken everything written into the FIFO so far.
+bool drained(int fd) {
+    return wait_until([fd] {
+        int unread = 0;
+        return ioctl(fd, FIONREAD, &unread) == 0 && unread == 0;
+    });
+}
+
 TEST(QueuePort, ReaderDeliversAcrossReadsAndReportsEachDamageStretchOnce) {
     LogCapture log;
     TempDir dir;
@@ -64,19 +73,30 @@ TEST(QueuePort, ReaderDeliversAcrossReadsAndReportsEachDamageStretchOnce) {
     const int fd = ::open(dir.file("rx").c_str(), O_WRONLY | O_CLOEXEC);
     const Bytes first = encoded(1, 30);
     write_all(fd, Bytes(first.begin(), first.begin() + 10));
-    ASSERT_TRUE(wait_until([&] { return reader.port.rounds() > 2; }));
+    ASSERT_TRUE(drained(fd));
     write_all(fd, Bytes(first.begin() + 10, first.end()));
     ASSERT_TRUE(wait_until([&] { return reader.count() == 1; }));
     write_all(fd, Bytes(20, 0xAB));  // one stretch of damage over two reads
-    ASSERT_TRUE(wait_until([&] { return reader.port.rounds() > 6; }));
+    ASSERT_TRUE(drained(fd));
     write_all(fd, Bytes(17, 0xAB));
     write_all(fd, encoded(2, 8));
+    ASSERT_TRUE(wait_until([&] { return reader.count() == 2; }));
+    // A length that claims more than ever comes, then silence: the record is
+    // given up after a short wait, and the one its length covered goes out.
+    Bytes claims = encoded(3, 1000);
+    claims.resize(record_header_size + 20);
+    const Bytes after = encoded(4, 5);
+    claims.insert(claims.end(), after.begin(), after.end());
+    write_all(fd, claims);
+    ASSERT_TRUE(wait_until([&] { return reader.count() == 3; }));
     ::close(fd);
     ASSERT_TRUE(wait_until([&] { return reader.finished_count > 0; }));
-    EXPECT_EQ(reader.ids, (std::vector<std::uint32_t>{1, 2}));
-    EXPECT_EQ(reader.resyncs, std::vector<std::size_t>{37});
+    EXPECT_EQ(reader.ids, (std::vector<std::uint32_t>{1, 2, 4}));
+    EXPECT_EQ(reader.resyncs, (std::vector<std::size_t>{37, record_header_size + 20}));
     ASSERT_EQ(log.find("out of step").size(), 1U);
     EXPECT_EQ(log.find("out of step")[0].severity, ecu::kora::logging::error);
+    ASSERT_EQ(log.find("record of id 3 announced 1000 payload bytes").size(), 1U)
+        << log.lines().size();
     EXPECT_EQ(reader.finished_count, 1);
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,9 +28,6 @@ const std::shared_ptr<logging::LogModule>& port_log() {
     return module;
 }
 
-// Short enough that a stop request is seen well within 100 ms, long enough
-// that an idle port costs nothing.
-constexpr int poll_timeout_ms = 50;
 constexpr std::size_t read_chunk = std::size_t{64} * 1024;
 constexpr auto open_wait = 2s;
 constexpr auto open_retry = 10ms;
@@ -87,9 +85,52 @@ void report_damage(const std::string& path, std::size_t skipped,
 
 }  // namespace
 
+StopRequest::StopRequest()
+    : m_fd(static_cast<int>(
+          sys_call("eventfd", [] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }).value)) {}
+
+StopRequest::~StopRequest() {
+    close_fd(m_fd);
+}
+
+StopRequest& StopRequest::operator=(bool value) {
+    if (value && !m_flag.exchange(true)) {
+        const std::uint64_t one = 1;
+        sys_call("write", [&] { return ::write(m_fd, &one, sizeof one); });
+    }
+    return *this;
+}
+
 template <std::size_t Depth, typename Record>
 QueuePortReader<Depth, Record>::QueuePortReader(IDataConsumer<IpcSignal>& consumer)
     : m_consumer(consumer) {}
+
+template <std::size_t Depth, typename Record>
+void QueuePortReader<Depth, Record>::every(std::chrono::milliseconds period,
+                                           std::function<void()> fn) {
+    m_timers.push_back({std::max(period, std::chrono::milliseconds(1)), std::move(fn), {}});
+}
+
+template <std::size_t Depth, typename Record>
+int QueuePortReader<Depth, Record>::run_timers(Clock::time_point partial_deadline) {
+    auto now = Clock::now();
+    Clock::time_point next = partial_deadline;
+    for (Timer& t : m_timers) {
+        if (t.due <= now) {
+            t.fn();
+            now = Clock::now();
+            // Late timers do not catch up in a burst: the next is a period on.
+            t.due = std::max(t.due + t.period, now);
+        }
+        next = std::min(next, t.due);
+    }
+    if (next == Clock::time_point::max()) {
+        return -1;
+    }
+    // Rounded up: waking a little early would only go round for nothing.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, 24LL * 3600 * 1000));
+}
 
 template <std::size_t Depth, typename Record>
 QueuePortReader<Depth, Record>::~QueuePortReader() {
@@ -128,46 +169,74 @@ void QueuePortReader<Depth, Record>::read_loop() {
     RecordDecoder decoder;
     IpcSignal record;
     std::size_t damage = 0;  // bytes of the damaged stretch not yet reported
+    bool explained = false;  // its line is written already: count it only
     bool ended = false;
+    // While a record is held incomplete: when it must have arrived.
+    auto partial_deadline = Clock::time_point::max();
+    const auto start = Clock::now();
+    for (Timer& t : m_timers) {
+        t.due = start + t.period;
+    }
 
     while (!ended && !stop_requested.load()) {
-        m_rounds.fetch_add(1, std::memory_order_relaxed);
-        pollfd pfd{m_fd, POLLIN, 0};
-        const auto p = sys_call("poll", [&] { return ::poll(&pfd, 1, poll_timeout_ms); });
+        const int timeout = run_timers(partial_deadline);
+        pollfd pfd[2] = {{m_fd, POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
+        const auto p = sys_call("poll", [&] { return ::poll(pfd, 2, timeout); });
         if (p.failed()) {
             logging::ERROR << port_log() << "RX queue port " << m_path << ": " << p.message();
             break;
         }
-        if (p.value == 0) {
-            continue;
-        }
-        // Straight into the decoder: the bytes are not copied on their way in.
-        std::uint8_t* room = decoder.prepare(read_chunk);
-        const auto n = sys_call("read", [&] { return ::read(m_fd, room, read_chunk); });
-        if (n.failed()) {
-            if (n.error == EAGAIN || n.error == EWOULDBLOCK) {
-                continue;
-            }
-            logging::ERROR << port_log() << "RX queue port " << m_path << ": " << n.message();
+        if (stop_requested.load()) {
             break;
         }
-        if (n.value == 0) {
-            // Without POLLHUP a FIFO has never had a writer: keep waiting. Linux
-            // poll does not even wake in that state; the check keeps a spurious
-            // wake-up from ending the port, and poll keeps this from spinning.
-            if (!fifo || (pfd.revents & POLLHUP) != 0) {
-                ended = true;
-                // A record whose length reached past the end covered the
-                // records after it: they are decoded instead of dropped with it.
-                decoder.finish();
+        if (p.value == 0 || (pfd[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
+            if (Clock::now() >= partial_deadline) {
+                std::uint32_t id = 0;
+                std::size_t length = 0;
+                if (decoder.partial_header(id, length)) {
+                    logging::ERROR
+                        << port_log() << "queue port " << m_path << ": record of id " << id
+                        << " announced " << length << " payload bytes, only "
+                        << decoder.pending() - std::min(decoder.pending(), record_header_size)
+                        << " arrived within " << partial_record_wait.count()
+                        << " ms; dropped as damaged";
+                    explained = true;
+                }
+                decoder.abandon_partial();
+                partial_deadline = Clock::time_point::max();
+            } else {
+                continue;
             }
         } else {
-            decoder.commit(static_cast<std::size_t>(n.value));
+            // Straight into the decoder: the bytes are not copied on their way in.
+            std::uint8_t* room = decoder.prepare(read_chunk);
+            const auto n = sys_call("read", [&] { return ::read(m_fd, room, read_chunk); });
+            if (n.failed()) {
+                if (n.error == EAGAIN || n.error == EWOULDBLOCK) {
+                    continue;
+                }
+                logging::ERROR << port_log() << "RX queue port " << m_path << ": " << n.message();
+                break;
+            }
+            if (n.value == 0) {
+                // Without POLLHUP a FIFO has never had a writer: keep waiting.
+                // Linux poll does not even wake in that state; the check keeps
+                // a spurious wake-up from ending the port.
+                if (!fifo || (pfd[0].revents & POLLHUP) != 0) {
+                    ended = true;
+                    // A record whose length reached past the end covered the
+                    // records after it: they are decoded instead of dropped with it.
+                    decoder.finish();
+                }
+            } else {
+                decoder.commit(static_cast<std::size_t>(n.value));
+            }
         }
 
         // A stretch of damage is reported once, when the record after it
         // completes (or the device ends), however many reads it spans.
         std::size_t delivered = 0;
+        bool stopped = false;
         for (;;) {
             const bool got = decoder.next(record);
             damage += decoder.take_skipped();
@@ -175,17 +244,32 @@ void QueuePortReader<Depth, Record>::read_loop() {
                 break;
             }
             if (damage > 0) {
-                report_damage(m_path, damage, m_consumer);
+                if (explained) {
+                    m_consumer.resynchronised(damage);
+                } else {
+                    report_damage(m_path, damage, m_consumer);
+                }
                 damage = 0;
+                explained = false;
             }
             m_consumer.consume(record);
             if (++delivered % Depth == 0 && stop_requested.load()) {
+                stopped = true;
                 break;
             }
         }
+        if (stopped || decoder.pending() == 0) {
+            partial_deadline = Clock::time_point::max();
+        } else if (delivered > 0 || partial_deadline == Clock::time_point::max()) {
+            partial_deadline = Clock::now() + partial_record_wait;
+        }
     }
     if (ended && damage > 0) {
-        report_damage(m_path, damage, m_consumer);
+        if (explained) {
+            m_consumer.resynchronised(damage);
+        } else {
+            report_damage(m_path, damage, m_consumer);
+        }
     }
     m_consumer.finished();
 }

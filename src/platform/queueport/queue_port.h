@@ -5,6 +5,10 @@
 // character device; here it is a FIFO or a regular file. Both directions carry
 // the records of record_format.h.
 //
+// The RX reader's thread sleeps in poll() until the device has bytes, a
+// timer of its owner is due, or it is woken for a stop: an idle port costs no
+// wake-ups.
+//
 // Template parameters: Depth is the depth of the vehicle's queue port in
 // records (24 for RX, 8 for TX), and signal_t_dyn<Depth> the record type of
 // such a port, with a payload of any length up to the record limit. On a FIFO
@@ -14,8 +18,10 @@
 // reports the port as lost.
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,11 +37,38 @@ struct signal_t_dyn {
     using value_type = IpcSignal;
 };
 
+// A stop request that wakes the reading loop it belongs to: once set, the
+// loop ends promptly whether records are flowing or the port is idle. Set
+// from any thread; it only ever goes from false to true.
+class StopRequest {
+public:
+    StopRequest();
+    ~StopRequest();
+    StopRequest(const StopRequest&) = delete;
+    StopRequest& operator=(const StopRequest&) = delete;
+
+    StopRequest& operator=(bool value);
+    bool load() const { return m_flag.load(); }
+    operator bool() const {
+        return load();
+    }  // NOLINT(google-explicit-constructor): reads as the flag it replaces
+    // Readable once the request is set; for the loop's poll().
+    int fd() const { return m_fd; }
+
+private:
+    std::atomic<bool> m_flag{false};
+    int m_fd;
+};
+
 // The RX port. open() on the start-up thread, then read_loop() on a thread of
 // its own until the device ends or stop_requested is set.
 template <std::size_t Depth, typename Record>
 class QueuePortReader {
 public:
+    // A record whose declared bytes have not all arrived this long after its
+    // header is damage: the records behind it are not held back by it.
+    static constexpr std::chrono::milliseconds partial_record_wait{300};
+
     // The consumer is not owned; it must outlive the reading loop.
     explicit QueuePortReader(IDataConsumer<IpcSignal>& consumer);
     QueuePortReader(const QueuePortReader&) = delete;
@@ -49,18 +82,27 @@ public:
     // Delivers every record to consume() in arrival order, then calls
     // finished() once: at the end of a regular file, when the last writer of a
     // FIFO closes (a FIFO without a writer yet is waited for), on a read
-    // error, or within 100 ms of stop_requested being set.
+    // error, or as soon as stop_requested is set.
     virtual void read_loop();
 
-    // Set from another thread to end read_loop.
-    std::atomic<bool> stop_requested{false};
+    // Runs fn on the reading thread every period while read_loop runs (the
+    // first time one period after it starts). Register before read_loop.
+    void every(std::chrono::milliseconds period, std::function<void()> fn);
 
-    // Rounds of read_loop so far. It goes round at least every 50 ms while it
-    // reads, so a count that stands still means a reader stuck in a record.
-    std::uint64_t rounds() const { return m_rounds.load(std::memory_order_relaxed); }
+    // Set from another thread to end read_loop.
+    StopRequest stop_requested;
 
 private:
-    std::atomic<std::uint64_t> m_rounds{};
+    struct Timer {
+        std::chrono::milliseconds period;
+        std::function<void()> fn;
+        std::chrono::steady_clock::time_point due;
+    };
+    // Runs the timers that are due; the poll() timeout until the next one
+    // (-1: none).
+    int run_timers(std::chrono::steady_clock::time_point partial_deadline);
+
+    std::vector<Timer> m_timers;
     IDataConsumer<IpcSignal>& m_consumer;
     int m_fd = -1;
     std::string m_path;

@@ -95,6 +95,7 @@ bool RecordDecoder::next(IpcSignal& out) {
         const std::uint8_t* end = m_buffer.data() + m_end;
         const auto available = static_cast<std::size_t>(end - begin);
         if (available == 0) {
+            m_abandon = false;
             return false;
         }
         bool damaged = !magic_prefix_at(begin, end);
@@ -111,8 +112,9 @@ bool RecordDecoder::next(IpcSignal& out) {
             // goes out now: holding it for them would delay every burst's last.
             const std::uint8_t* after = begin + record_header_size + length;
             damaged = after < end && !magic_prefix_at(after, end);
-        } else if (!damaged && m_finished) {
+        } else if (!damaged && (m_finished || m_abandon)) {
             damaged = true;
+            m_abandon = false;
         }
         if (damaged) {
             skip_damage();
@@ -126,8 +128,19 @@ bool RecordDecoder::next(IpcSignal& out) {
         out.tag = begin[20];
         out.data.assign(begin + record_header_size, begin + record_header_size + length);
         m_start += record_header_size + length;
+        m_abandon = false;
         return true;
     }
+}
+
+bool RecordDecoder::partial_header(std::uint32_t& id, std::size_t& length) const {
+    const std::uint8_t* begin = m_buffer.data() + m_start;
+    if (m_end - m_start < 20 || !magic_prefix_at(begin, begin + 4)) {
+        return false;
+    }
+    id = static_cast<std::uint32_t>(get_le(begin + 4, 4));
+    length = static_cast<std::size_t>(get_le(begin + 16, 4));
+    return true;
 }
 
 void RecordDecoder::finish() {

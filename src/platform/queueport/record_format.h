@@ -40,6 +40,13 @@ public:
     // length reached past the end), and the records that its declared length
     // covered are decoded after all. What cannot start a record is dropped.
     void finish();
+    // The record held incomplete at the front will not be completed (its
+    // bytes stopped coming): it is damage, and the records that its declared
+    // length covered are decoded by the next calls. Reading goes on.
+    void abandon_partial() { m_abandon = true; }
+    // The RT id and declared payload length of the incomplete record held at
+    // the front; false while fewer than its header's first 20 bytes are held.
+    bool partial_header(std::uint32_t& id, std::size_t& length) const;
     // Bytes skipped as damage since the last call (and resets the count).
     std::size_t take_skipped();
     // Bytes held that do not yet form a complete record.
@@ -56,6 +63,7 @@ private:
     std::size_t m_end = 0;
     std::size_t m_skipped = 0;
     bool m_finished = false;
+    bool m_abandon = false;
 };
 
 }  // namespace ecu::kora::ipc
