@@ -84,22 +84,25 @@ int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& 
     return skipped;
 }
 
-bool is_port_number(const std::string& text) {
-    // The value decides, not the length: "0059281" is 59281.
+std::optional<long> whole_number(const std::string& text, long low, long high) {
     if (text.empty()) {
-        return false;
+        return std::nullopt;
     }
-    unsigned value = 0;
+    long value = 0;
     for (char c : text) {
         if (c < '0' || c > '9') {
-            return false;
+            return std::nullopt;
         }
-        value = value * 10 + static_cast<unsigned>(c - '0');
-        if (value > 65535) {
-            return false;
+        value = value * 10 + (c - '0');
+        if (value > high) {
+            return std::nullopt;
         }
     }
-    return value >= 1;
+    return value >= low ? std::optional<long>(value) : std::nullopt;
+}
+
+bool is_port_number(const std::string& text) {
+    return whole_number(text, 1, 65535).has_value();
 }
 
 }  // namespace ecu::kora::config

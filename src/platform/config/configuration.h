@@ -13,6 +13,7 @@
 #include <istream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -42,6 +43,10 @@ private:
 // (creating the configuration if the pointer is empty). Returns the number of
 // lines that were skipped as malformed.
 int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& input);
+
+// The value of text when it is decimal digits only, of a value from low to
+// high (leading zeros allowed: the value decides, not the length).
+std::optional<long> whole_number(const std::string& text, long low, long high);
 
 // True when the text is decimal digits only, of a value from 1 to 65535
 // (leading zeros allowed).

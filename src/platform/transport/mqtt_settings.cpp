@@ -35,21 +35,10 @@ std::optional<long> number(const config::Configuration& config, const std::strin
     if (text.empty()) {
         return fallback;
     }
-    long value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            value = -1;
-            break;
-        }
-        value = value * 10 + (c - '0');
-        if (value > high) {
-            break;
-        }
-    }
-    if (value < low || value > high) {
+    const std::optional<long> value = config::whole_number(text, low, high);
+    if (!value) {
         refuse(key, "is '" + text + "', not a number from " + std::to_string(low) + " to " +
                         std::to_string(high));
-        return std::nullopt;
     }
     return value;
 }
