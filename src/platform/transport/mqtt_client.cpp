@@ -1,7 +1,11 @@
 #include "mqtt_client.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <climits>
+#include <functional>
 
 #include "configuration.h"
 #include "mosquitto_text.h"
@@ -14,8 +18,18 @@ using namespace std::chrono_literals;
 using detail::describe;
 using detail::describe_connack;
 
-// How long stop() lets outstanding messages reach the broker.
-constexpr auto g_stop_flush_timeout = 2s;
+// How long stop() lets outstanding messages reach the broker: the service
+// manager's stop has to be over within half a second, whatever the broker does.
+constexpr auto g_stop_flush_timeout = 250ms;
+// How long a publisher may still wait for room once the owner is stopping.
+constexpr auto g_interrupt_wait = 150ms;
+
+// Different for every process and vehicle, so that reconnections spread.
+std::uint64_t jitter_seed(const std::string& id) {
+    const auto now =
+        static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    return now ^ (static_cast<std::uint64_t>(getpid()) << 32U) ^ std::hash<std::string>{}(id);
+}
 
 const std::shared_ptr<logging::LogModule>& log_module() {
     return detail::transport_log();
@@ -62,6 +76,8 @@ std::shared_ptr<ITransportClient> create_client(std::unique_ptr<config::Configur
 MqttClient::MqttClient(MqttSettings settings)
     : m_settings(std::move(settings)),
       m_outbox(*this, m_settings.max_pending, m_settings.offline_queue),
+      m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_policy(jitter_seed(m_settings.client_name)),
       m_subscriptions(std::make_shared<const SubscriptionList>()) {
     init_library();
     // A clean session: the broker keeps nothing for us, so subscriptions are
@@ -85,6 +101,44 @@ MqttClient::~MqttClient() {
     if (m_mosq != nullptr) {
         mosquitto_destroy(m_mosq);
     }
+    if (m_wake >= 0) {
+        close(m_wake);
+    }
+}
+
+bool MqttClient::set_will(const std::string& topic, const Message& msg) {
+    if (m_mosq == nullptr || msg.payload.size() > static_cast<std::size_t>(INT_MAX)) {
+        return false;
+    }
+    const int rc = mosquitto_will_set(m_mosq, topic.c_str(), static_cast<int>(msg.payload.size()),
+                                      msg.payload.data(), msg.qos, msg.retained);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        logging::ERROR << log_module() << "cannot set the last will on '" << topic
+                       << "': " << describe(rc);
+        return false;
+    }
+    return true;
+}
+
+void MqttClient::interrupt() {
+    // What is still to go out (the end of data, say) gets a moment; together
+    // with stop()'s flush the stop stays within half a second.
+    m_outbox.interrupt(std::chrono::steady_clock::now() + g_interrupt_wait);
+}
+
+LinkStatus MqttClient::link_status() const {
+    LinkStatus status;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        status.connected = m_link_up;
+        if (!m_link_up) {
+            status.waiting_reason = m_waiting_reason;
+        }
+    }
+    status.reconnects = m_reconnects.load(std::memory_order_relaxed);
+    status.dropped_offline = m_outbox.dropped_offline();
+    status.offline_depth = m_outbox.offline_queued();
+    return status;
 }
 
 std::string MqttClient::where() const {
@@ -243,6 +297,8 @@ void MqttClient::handle_connect(int rc) {
         if (!first) {
             logging::WARNING << log_module() << "broker " << where()
                              << " refused the reconnection: " << describe_connack(rc);
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_waiting_reason = "refused: " + describe_connack(rc);
         }
         return;
     }
@@ -250,9 +306,16 @@ void MqttClient::handle_connect(int rc) {
     // them too.
     resubscribe_all();
     const Outbox::Resumed resumed = m_outbox.connected();
+    m_policy.connected();
+    m_session_up = true;
+    if (resumed.reconnection) {
+        m_reconnects.fetch_add(1, std::memory_order_relaxed);
+    }
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_ever_connected = true;
+        m_link_up = true;
+        m_waiting_reason.clear();
         if (!m_connack) {
             m_connack = 0;
         }
@@ -287,6 +350,10 @@ void MqttClient::handle_disconnect(int rc) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         report = was_connected && m_state == State::running;
+        m_link_up = false;
+        if (report) {
+            m_waiting_reason = "connection lost: " + describe(rc);
+        }
         if (!m_ever_connected && !m_connack) {
             m_early_disconnect = rc;
         }

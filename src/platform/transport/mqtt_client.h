@@ -1,17 +1,17 @@
 #pragma once
 
-// The MQTT transport on libmosquitto in threaded mode: the broker session
-// (connect, reconnect after a loss with a 1-2 s back-off, subscriptions
-// renewed on every connection) and the delivery of incoming messages. The
-// outgoing side (the pending bound, the offline queue, retained messages
-// restored) is its Outbox.
+// The MQTT transport on libmosquitto: the broker session (connect, reconnect
+// after any loss as the ReconnectPolicy says, subscriptions renewed on every
+// connection) and the delivery of incoming messages. The outgoing side (the
+// pending bound, the offline queue, retained messages restored) is its Outbox.
 //
-// Threads: libmosquitto's network thread (started by connect()) writes and
-// reads the socket, reconnects and runs every callback, so deliveries to
-// observers happen on it one at a time in arrival order. publish() may be
-// called from any number of threads.
+// Threads: the client's network thread (started by connect()) runs
+// libmosquitto's loop: it writes and reads the socket, reconnects and runs
+// every callback, so deliveries to observers happen on it one at a time in
+// arrival order. publish() may be called from any number of threads.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +24,7 @@
 
 #include "mqtt_settings.h"
 #include "outbox.h"
+#include "reconnect_policy.h"
 #include "transport.h"
 
 struct mosquitto;
@@ -45,6 +46,9 @@ public:
     bool start() override;
     bool stop() override;
     const std::string& client_name() const override { return m_settings.client_name; }
+    bool set_will(const std::string& topic, const Message& msg) override;
+    void interrupt() override;
+    LinkStatus link_status() const override;
 
     // False when libmosquitto could not make the client (out of memory).
     bool usable() const { return m_mosq != nullptr; }
@@ -77,6 +81,10 @@ private:
     bool configure_session();
     std::string failure_reason();
     void network_loop();
+    // One attempt to connect again; false (with the reason) when it failed.
+    bool reconnect(std::string& reason);
+    // Sleeps for delay unless the client is closed first; false when closed.
+    bool wait_while_running(std::chrono::milliseconds delay);
     void shut_down_loop();
     bool on_network_thread() const;
     void resubscribe_all();
@@ -87,6 +95,12 @@ private:
     mosquitto* m_mosq = nullptr;
     std::atomic<std::thread::id> m_network_thread{};
     std::thread m_network;
+    // Wakes the network thread out of a connection attempt when stopping.
+    int m_wake = -1;
+    // The network thread's own: when to try again.
+    ReconnectPolicy m_policy;
+    bool m_session_up = false;  // a CONNACK accepted the connection the loop runs
+    std::atomic<std::uint64_t> m_reconnects{0};
 
     // Guards the session state below; m_cv signals the CONNACK, the end of
     // the first attempt and the start of deliveries.
@@ -103,6 +117,8 @@ private:
     // libmosquitto's last error-level log line while the first connection is
     // attempted: it carries the TLS library's reason.
     std::string m_connect_error;
+    bool m_link_up = false;        // a CONNACK accepted the current connection
+    std::string m_waiting_reason;  // the last failed attempt's reason, while down
 
     // Subscriptions: replaced as a whole, so that a delivery reads a snapshot
     // and an observer may subscribe without deadlock.

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 
@@ -25,19 +26,20 @@ using detail::describe_connack;
 
 // How long connect() waits for the broker's CONNACK.
 constexpr auto g_connack_timeout = 5s;
-// Reconnection back-off: 1 s, then 2 s, never longer, so that relaying
-// resumes within about 2 s of the broker's return.
-constexpr unsigned g_reconnect_delay_s = 1;
-constexpr unsigned g_reconnect_delay_max_s = 2;
+// How long one reconnection attempt may wait for the broker's socket.
+constexpr auto g_reconnect_connect_timeout = 2s;
 
 const std::shared_ptr<logging::LogModule>& log_module() {
     return detail::transport_log();
 }
 
 // Whether host:port accepts a TCP connection within the bound; the system's
-// reason when not. libmosquitto's first TLS connection on a refused socket
-// spins in the TLS library and never ends, so it is not started then.
-std::string tcp_refusal(const std::string& host, int port, std::chrono::milliseconds bound) {
+// reason when not. libmosquitto's TLS connection on a refused socket spins in
+// the TLS library and never ends, so it is not started then; and its blocking
+// connect could hold a stop for minutes on an unreachable host. A readable
+// wake descriptor ends the wait early ("stopping").
+std::string tcp_refusal(const std::string& host, int port, std::chrono::milliseconds bound,
+                        int wake = -1) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
@@ -57,9 +59,14 @@ std::string tcp_refusal(const std::string& host, int port, std::chrono::millisec
         int error = 0;
         if (::connect(fd, a->ai_addr, a->ai_addrlen) != 0) {
             error = errno;
-            pollfd pfd{fd, POLLOUT, 0};
+            pollfd pfd[2] = {{fd, POLLOUT, 0}, {wake, POLLIN, 0}};
             if (error == EINPROGRESS) {
-                error = poll(&pfd, 1, static_cast<int>(bound.count())) == 1 ? 0 : ETIMEDOUT;
+                const int ready = poll(pfd, wake >= 0 ? 2 : 1, static_cast<int>(bound.count()));
+                error = ready > 0 && pfd[0].revents != 0 ? 0 : ETIMEDOUT;
+                if (ready > 0 && pfd[0].revents == 0) {
+                    close(fd);
+                    return "stopping";
+                }
                 socklen_t len = sizeof error;
                 if (error == 0) {
                     getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len);
@@ -89,10 +96,6 @@ bool MqttClient::configure_session() {
         rc =
             mosquitto_tls_set(m_mosq, m_settings.tls_cafile.c_str(), nullptr,
                               file(m_settings.tls_certfile), file(m_settings.tls_keyfile), nullptr);
-    }
-    if (rc == MOSQ_ERR_SUCCESS) {
-        rc = mosquitto_reconnect_delay_set(m_mosq, g_reconnect_delay_s, g_reconnect_delay_max_s,
-                                           false);
     }
     if (rc != MOSQ_ERR_SUCCESS) {
         logging::ERROR << log_module() << "cannot set up the connection to broker " << where()
@@ -185,23 +188,93 @@ std::string MqttClient::failure_reason() {
     return "no CONNACK within " + std::to_string(g_connack_timeout.count()) + " s";
 }
 
-// libmosquitto's loop ends for good after some errors while it reconnects (a
-// TLS or protocol error, e.g. from a broker that is half up), although the
-// broker may well come back: once connected, it is run again until stopped.
+// libmosquitto's own loop gives up for good after some errors while it
+// reconnects (a TLS error from a broker that died mid-session, say), although
+// the broker may well come back. So the loop is ours: libmosquitto reads and
+// writes, and every loss, whatever its kind, goes to the ReconnectPolicy and
+// another attempt, until the client is stopped. Before the first connection
+// connect() decides, not this loop.
 void MqttClient::network_loop() {
+    // Idle, the thread sleeps until the socket or a publisher wakes it; the
+    // bound only lets libmosquitto keep the link alive in time.
+    const int idle_ms = std::max(1000, m_settings.keepalive * 1000 / 2);
+    bool down = false;
+    std::chrono::milliseconds delay{0};
     for (;;) {
-        const int rc = mosquitto_loop_forever(m_mosq, 1000, 1);
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_state != State::running || !m_ever_connected) {
-            return;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_state != State::running) {
+                return;
+            }
         }
-        logging::WARNING << log_module() << "network loop for broker " << where()
-                         << " ended: " << describe(rc) << "; reconnecting";
-        if (m_cv.wait_for(lock, std::chrono::seconds(g_reconnect_delay_s),
-                          [this] { return m_state != State::running; })) {
-            return;
+        if (down) {
+            if (!wait_while_running(delay)) {
+                return;
+            }
+            std::string reason;
+            if (!reconnect(reason)) {
+                const ReconnectPolicy::Decision next =
+                    m_policy.failed(reason, ReconnectPolicy::Clock::now());
+                delay = next.delay;
+                if (next.log_line) {
+                    logging::WARNING << log_module() << "broker " << where() << ": "
+                                     << *next.log_line;
+                }
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_waiting_reason = reason;
+                continue;
+            }
+            down = false;
         }
+        const int rc = mosquitto_loop(m_mosq, idle_ms, 1);
+        if (rc == MOSQ_ERR_SUCCESS) {
+            continue;
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_state != State::running || !m_ever_connected) {
+                return;
+            }
+        }
+        // A lost link was reported by the disconnect callback; an attempt
+        // that got no CONNACK is one more failure.
+        down = true;
+        if (m_session_up) {
+            m_session_up = false;
+            delay = m_policy.lost();
+            continue;
+        }
+        const std::string reason = describe(rc);
+        const ReconnectPolicy::Decision next =
+            m_policy.failed(reason, ReconnectPolicy::Clock::now());
+        delay = next.delay;
+        if (next.log_line) {
+            logging::WARNING << log_module() << "broker " << where() << ": " << *next.log_line;
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_waiting_reason = reason;
     }
+}
+
+bool MqttClient::wait_while_running(std::chrono::milliseconds delay) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return !m_cv.wait_for(lock, delay, [this] { return m_state != State::running; });
+}
+
+bool MqttClient::reconnect(std::string& reason) {
+    reason = tcp_refusal(m_settings.host, m_settings.port, g_reconnect_connect_timeout, m_wake);
+    if (!reason.empty()) {
+        return false;
+    }
+    // Asynchronous: the TLS handshake and the CONNACK come through the loop,
+    // so that a broker that accepts the socket but never answers (paused, half
+    // up) cannot hold this thread, and with it a stop.
+    const int rc = mosquitto_reconnect_async(m_mosq);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        reason = describe(rc);
+        return false;
+    }
+    return true;
 }
 
 void MqttClient::shut_down_loop() {
@@ -210,6 +283,10 @@ void MqttClient::shut_down_loop() {
         if (!m_loop_running) {
             return;
         }
+    }
+    if (m_wake >= 0) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto n = write(m_wake, &one, sizeof one);
     }
     // The network thread ends once it sees the disconnecting state. A
     // reconnection that was under way at that moment can overwrite the state,

@@ -40,6 +40,7 @@ bool Outbox::keep_offline(const std::string& topic, const Message& msg) {
     }
     if (m_offline.size() >= m_offline_limit) {
         m_offline.pop_front();
+        ++m_dropped_total;
         if (m_dropped++ == 0) {
             logging::WARNING << log_module() << "broker unreachable and " << m_offline_limit
                              << " messages waiting: dropping the oldest from now on";
@@ -99,7 +100,12 @@ int Outbox::publish(const std::string& topic, const Message& msg, bool from_conn
             if (from_connection_thread || pending_locked() < m_max_pending) {
                 break;
             }
-            m_cv.wait(lock);
+            if (m_wait_deadline == std::chrono::steady_clock::time_point::max()) {
+                m_cv.wait(lock);
+            } else if (m_cv.wait_until(lock, m_wait_deadline) == std::cv_status::timeout &&
+                       pending_locked() >= m_max_pending) {
+                return 0;
+            }
         }
         add_pending(qos);
         const std::uint64_t generation = m_generation;
@@ -196,6 +202,17 @@ Outbox::Unsent Outbox::close(std::chrono::milliseconds bound) {
     m_open = false;
     m_cv.notify_all();
     return unsent;
+}
+
+void Outbox::interrupt(std::chrono::steady_clock::time_point deadline) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_wait_deadline = deadline;
+    m_cv.notify_all();
+}
+
+std::uint64_t Outbox::dropped_offline() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_dropped_total;
 }
 
 bool Outbox::is_connected() const {

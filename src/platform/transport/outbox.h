@@ -86,11 +86,16 @@ public:
     // Waits up to bound for what is pending to be confirmed (or for the
     // connection to go), then refuses every publish, waiting ones too.
     Unsent close(std::chrono::milliseconds bound);
+    // Publishers wait for room until the deadline at most: waiting ones and
+    // later ones that find none by then return 0 (their messages are dropped).
+    void interrupt(std::chrono::steady_clock::time_point deadline);
 
     bool is_connected() const;
     std::size_t pending() const;
     std::size_t pending_high_water() const;
     std::size_t offline_queued() const;
+    // Dropped beyond the offline limit since the outbox was made.
+    std::uint64_t dropped_offline() const;
 
 private:
     struct Kept {
@@ -121,6 +126,9 @@ private:
     // Publishers waiting for room, close() waiting for zero.
     std::condition_variable m_cv;
     bool m_open = false;
+    // Set by interrupt(): the end of every wait for room.
+    std::chrono::steady_clock::time_point m_wait_deadline =
+        std::chrono::steady_clock::time_point::max();
     bool m_connected = false;
     bool m_ever_connected = false;
     std::uint64_t m_generation{};  // counts connection losses
@@ -129,6 +137,7 @@ private:
     std::size_t m_pending_high = 0;
     std::deque<Kept> m_offline;
     std::size_t m_dropped = 0;  // since the connection was lost
+    std::uint64_t m_dropped_total = 0;
     std::map<std::string, Retained> m_retained;
 
     // Ids of unacknowledged QoS 1 messages, to tell their written() from a

@@ -3,6 +3,8 @@
 // The broker transport as the daemon uses it. create_client() gives the real
 // MQTT client; tests of the bridge implement ITransportClient with a fake.
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -24,6 +26,16 @@ public:
 
 enum class TransportType : int { mqtt };
 
+// How the client's link to the broker stands, for statistics and the service
+// manager's status line.
+struct LinkStatus {
+    bool connected = false;
+    std::uint64_t reconnects = 0;       // connections made after the first
+    std::uint64_t dropped_offline = 0;  // dropped beyond the offline queue
+    std::size_t offline_depth = 0;      // kept for the broker's return now
+    std::string waiting_reason;         // why the last attempt failed, while not connected
+};
+
 class ITransportClient {
 public:
     virtual ~ITransportClient() = default;
@@ -42,6 +54,19 @@ public:
     virtual bool start() = 0;
     virtual bool stop() = 0;
     virtual const std::string& client_name() const = 0;
+
+    // The message the broker publishes on topic when the link is lost without
+    // a clean disconnect (the process died, the link timed out). Before
+    // connect(); false when the client cannot carry one.
+    virtual bool set_will(const std::string& topic, const Message& msg) {
+        (void)topic;
+        (void)msg;
+        return false;
+    }
+    // The owner is stopping: from now on publishers wait for room only
+    // briefly, and what finds none by then is dropped. Any thread.
+    virtual void interrupt() {}
+    virtual LinkStatus link_status() const { return {}; }
 };
 
 // The client for the type, configured from "host", "port", "client_name" and
