@@ -94,6 +94,8 @@ void IPCd::run() {
     }
     logging::INFO << g_log << "Time sync id: " << g_time_sync_id;
 
+    m_reporter = std::make_unique<StatsReporter>(m_counters, m_version);
+    m_reporter->arm(*m_transport);
     if (!m_transport->connect()) {
         logging::ERROR << g_log << "Unable to connect to MQTT broker!";
         return;
@@ -111,6 +113,8 @@ void IPCd::run() {
     m_transport->subscribe(g_state_topic, 0, observer());
     logging::INFO << g_log << "Subscribed to: '" << g_state_topic << "'";
     m_transport->subscribe(g_tpa_topic, 0, observer());
+    clear_stale_state();
+    m_reporter->connected(*m_transport);
 
     if (catalogue.map_topic_to_rtid(g_frame_start_topic) == 0) {
         logging::EMERG << g_log << "Unable to find FRAME_START_ID topic in SignalAdapter data"
@@ -127,6 +131,10 @@ void IPCd::run() {
         std::exit(1);
     }
 
+    // The statistics timer runs on the reader's thread: it wakes only for it.
+    const std::chrono::seconds tick =
+        m_stats_interval.count() > 0 ? m_stats_interval : std::chrono::seconds(10);
+    m_reader.every(tick, [this] { m_reporter->tick(*m_transport, m_stats_interval); });
     start_earlybird_thread();
     std::thread reader_thread([this] { m_reader.read_loop(); });
     m_transport->start();
@@ -146,8 +154,27 @@ void IPCd::run() {
     if (earlybird_done && m_earlybird_thread.joinable()) {
         m_earlybird_thread.join();
     }
+    m_reporter->stopping(*m_transport);
     m_transport->stop();
     std::exit(0);
+}
+
+void IPCd::clear_stale_state() {
+    for (const std::string* topic : {&g_subscriptions_topic, &g_eod_topic}) {
+        com::Message clear;  // empty and retained: the broker forgets the topic
+        clear.retained = true;
+        clear.qos = 1;
+        m_transport->publish(*topic, clear);
+    }
+}
+
+void IPCd::request_stop() {
+    m_transport->interrupt();
+    m_reader.stop_requested = true;
+}
+
+void IPCd::resynchronised(std::size_t) {
+    RelayCounters::add(m_counters.rx_damaged);
 }
 
 void IPCd::finished() {
@@ -181,6 +208,7 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
 
     auto entry = m_rt_topics.find(signal.id);
     if (entry == m_rt_topics.end()) {
+        RelayCounters::add(m_counters.unknown_ids);
         logging::ERROR << g_log << "Unable to find rt-id " << signal.id
                        << " in the active subscription map";
         return;
@@ -199,6 +227,7 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
         }
     }
     if (!requested && !m_earlybird_thread.joinable() && !rt_topic.retained) {
+        RelayCounters::add(m_counters.dropped_unrequested);
         return;
     }
 
@@ -213,16 +242,20 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
         if (m_earlybird_done) {
             m_earlybird_thread.join();
             if (!rt_topic.requested.load(std::memory_order_relaxed)) {
+                RelayCounters::add(m_counters.dropped_unrequested);
                 return;
             }
         } else {
             m_earlybird.emplace_back(signal.id, rt_topic.topic, m_relay_frame);
+            RelayCounters::add(m_counters.earlybird_depth);
             logging::DEBUG << g_log << "Queue Message for topic: " << rt_topic.topic
                            << " new queue-size: " << m_earlybird.size();
             return;
         }
     }
-    m_transport->publish(rt_topic.topic, m_relay_frame);
+    if (m_transport->publish(rt_topic.topic, m_relay_frame) > 0) {
+        RelayCounters::add(m_counters.rt_to_broker);
+    }
 }
 
 void IPCd::earlybird_flush() {
@@ -240,16 +273,19 @@ void IPCd::earlybird_flush() {
     while (!m_earlybird.empty()) {
         std::deque<EarlybirdData> batch;
         batch.swap(m_earlybird);
+        m_counters.earlybird_depth.fetch_sub(batch.size(), std::memory_order_relaxed);
         lock.unlock();
         processed += static_cast<unsigned>(batch.size());
         for (auto& held : batch) {
             auto entry = m_rt_topics.find(held.rt_id);
             // The requested flag counts as it stands now, not when the record
             // was queued: a topic announced during the hold gets its records.
-            if (entry != m_rt_topics.end() &&
-                entry->second.requested.load(std::memory_order_relaxed) &&
-                m_transport->publish(held.topic, held.message) > 0) {
+            if (entry == m_rt_topics.end() ||
+                !entry->second.requested.load(std::memory_order_relaxed)) {
+                RelayCounters::add(m_counters.dropped_unrequested);
+            } else if (m_transport->publish(held.topic, held.message) > 0) {
                 ++published;
+                RelayCounters::add(m_counters.rt_to_broker);
             }
         }
         batch.clear();
@@ -384,6 +420,7 @@ void IPCd::send_to_rt(const std::string& topic, const com::Message& msg) {
     const rt::SignalAdapter& catalogue = rt::SignalAdapter::instance();
     std::uint32_t id = catalogue.map_topic_to_rtid(catalogue_topic);
     if (id == 0) {
+        RelayCounters::add(m_counters.rttx_refused);
         logging::ERROR << g_log << "Unable to find id for '" << catalogue_topic
                        << "', unable to send data to RT.";
         return;
@@ -395,6 +432,7 @@ void IPCd::send_to_rt(const std::string& topic, const com::Message& msg) {
 
     auto [ok, fresh, error_text] = catalogue.unpack(catalogue_topic, msg);
     if (!ok) {
+        RelayCounters::add(m_counters.rttx_refused);
         logging::ERROR << g_log << "Unpacking of SignalGroup for topic '" << catalogue_topic
                        << "' failed";
         return;
@@ -420,8 +458,10 @@ void IPCd::send_to_rt(const std::string& topic, const com::Message& msg) {
     record.data.assign(image.begin(), image.end());
 
     if (m_writer.transmit_data(record)) {
+        RelayCounters::add(m_counters.broker_to_rt);
         return;
     }
+    RelayCounters::add(m_counters.rttx_refused);
     logging::ALERT << g_log << "TX queue port is gone, there's nothing more to do."
                    << " The ECU will be restarted!";
     // Its exit status changes nothing: the daemon ends either way.

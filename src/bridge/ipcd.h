@@ -17,6 +17,7 @@
 // only go from false to true.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -31,7 +32,9 @@
 #include "ipc_signal.h"
 #include "message.h"
 #include "queue_port.h"
+#include "relay_counters.h"
 #include "signal_adapter.h"
+#include "stats_reporter.h"
 #include "transport.h"
 
 namespace ecu::kora::ipcd {
@@ -77,6 +80,15 @@ public:
     void message(const std::string& topic, const com::Message& msg) override;
     void consume(const ipc::IpcSignal& signal) override;
     void finished() override;
+    void resynchronised(std::size_t skipped_bytes) override;
+
+    // A stop from outside (the service manager): reading ends at once, and
+    // publishing no longer waits for a broker that takes nothing, so that
+    // the end of data, the health state and the exit follow within a bound.
+    // Any thread.
+    void request_stop();
+
+    const RelayCounters& counters() const { return m_counters; }
 
     // Starts the earlybird thread; run() does this once both ports are open.
     void start_earlybird_thread();
@@ -85,6 +97,9 @@ public:
     // rest is the bridge's own state, public so that tests can look at it.
     std::string m_queue_rx;
     std::string m_queue_tx;
+    // Statistics every so often on the broker (0: never); the version they name.
+    std::chrono::seconds m_stats_interval{10};
+    std::string m_version;
     std::shared_ptr<com::ITransportClient> m_transport;
     std::map<std::uint32_t, RequestTopic> m_rt_topics;
     std::uint32_t m_requested_count = 0;
@@ -102,6 +117,13 @@ public:
     std::unordered_map<std::string, rt::SignalGroup> m_tx_groups;
 
 private:
+    RelayCounters m_counters;
+    std::unique_ptr<StatsReporter> m_reporter;  // made by run()
+
+    // Removes what an earlier run left retained on the broker that no longer
+    // holds: its subscription status and its end of data.
+    void clear_stale_state();
+
     // The reader thread's frame of the record being relayed, reused for every
     // record (consume() only).
     com::Message m_relay_frame;

@@ -18,6 +18,11 @@ inline const std::string system_state = "system/state/rt";
 inline const std::string tpa_status = "system/tpa/status";
 // One raw byte 0x01, retained: RT data has ended.
 inline const std::string end_of_data = "system/rt/eod";
+// ipcd's counts, a flat JSON object, retained, every stats_interval seconds.
+inline const std::string stats = "system/ipc/stats";
+// {"state":"up",...} while ipcd is connected, {"state":"down"} (its last
+// will, or sent on an orderly stop) otherwise; JSON, retained.
+inline const std::string health = "system/ipc/health";
 
 // RT data goes out on the catalogue's topics, which begin with rt_prefix;
 // clients write to the RT side under rttx_prefix followed by the same path.

@@ -98,6 +98,7 @@ std::unique_ptr<config::Configuration> build_configuration(const CommandLineOpti
     config->defaults()["queue_rx"] = "/dev/qport/telematics_kpx_receive";
     config->defaults()["queue_tx"] = "/dev/qport/telematics_kpx_send";
     config->defaults()["client_name"] = "ipcd";
+    config->defaults()["stats_interval"] = std::to_string(default_stats_interval_s);
 
     const std::string log_mode = config->get("logmode");
     if (!log_mode.empty() && !options.log_stdout) {
@@ -125,6 +126,12 @@ std::unique_ptr<config::Configuration> build_configuration(const CommandLineOpti
         config->values()["queue_tx"] = options.queue_tx;
     }
     if (!config->verify()) {
+        return nullptr;
+    }
+    if (!config::whole_number(config->get("stats_interval"), 0, max_stats_interval_s)) {
+        logging::ERROR << g_log << "Configuration key 'stats_interval' is '"
+                       << config->get("stats_interval") << "', not a number of seconds from 0 to "
+                       << max_stats_interval_s;
         return nullptr;
     }
     return config;

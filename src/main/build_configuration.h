@@ -9,6 +9,9 @@
 namespace ecu::kora::ipcd {
 
 inline const std::string default_config_file = "/etc/kirn/ipcd.conf";
+// "stats_interval": seconds between two statistics messages; 0 switches them off.
+inline constexpr long default_stats_interval_s = 10;
+inline constexpr long max_stats_interval_s = 86400;
 
 // Builds the configuration from the file (options.config_file, else
 // default_file), the bridge's defaults and the command-line overrides, and sets

@@ -2,6 +2,7 @@
 // main() turns the command line and the configuration file into one running
 // bridge; every failure before the bridge runs ends the process with status 1.
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "command_line.h"
 #include "ipcd.h"
 #include "logging.h"
+#include "service_manager.h"
 #include "supervisor.h"
 #include "transport.h"
 
@@ -48,23 +50,27 @@ int main(int argc, char** argv) {
     bridge.m_log_rt_signals = ipcd::split_as<unsigned>(rt_signal_list, ',');
     bridge.m_queue_rx = config->get("queue_rx");
     bridge.m_queue_tx = config->get("queue_tx");
+    bridge.m_stats_interval = std::chrono::seconds(
+        config::whole_number(config->get("stats_interval"), 0, ipcd::max_stats_interval_s)
+            .value_or(ipcd::default_stats_interval_s));
+    bridge.m_version = ipcd_build_stamp();
+    // The reading loop proves itself alive to the watchdog: a loop stuck in a
+    // record (or a publish that never returns) stops the pings.
+    if (const auto period = watchdog_period(); period.count() > 0) {
+        bridge.m_reader.every(std::chrono::duration_cast<std::chrono::milliseconds>(period / 2),
+                              &watchdog_alive);
+    }
 
     // A stop signal ends the daemon the way the shutdown indication does:
     // reading stops, the end of data is published, what waits for the broker
-    // is written, and the process ends with status 0. The watchdog is fed
-    // while the RX reader goes round its loop.
+    // is written within a bound, and the process ends with status 0.
     supervisor.start(
         [&bridge](int signal) {
             logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
                             << ", stopping";
-            bridge.m_reader.stop_requested = true;
+            bridge.request_stop();
         },
-        [&bridge, last = std::uint64_t{0}]() mutable {
-            const std::uint64_t now = bridge.m_reader.rounds();
-            const bool moved = now != last;
-            last = now;
-            return moved;
-        });
+        [] { return false; });
 
     // Returns only when the broker connection failed; every other end of the
     // bridge ends the process itself.

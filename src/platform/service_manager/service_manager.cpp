@@ -14,6 +14,10 @@ void application_ready() {
     sd_notify(0, "READY=1");
 }
 
+void application_status(const std::string& text) {
+    sd_notify(0, ("STATUS=" + text).c_str());
+}
+
 std::chrono::microseconds watchdog_period() {
     std::uint64_t usec = 0;
     if (sd_watchdog_enabled(0, &usec) <= 0) {

@@ -4,6 +4,7 @@
 // when NOTIFY_SOCKET is not set, so the daemon also runs outside systemd.
 
 #include <chrono>
+#include <string>
 
 namespace ecu::kora {
 
@@ -11,6 +12,8 @@ namespace ecu::kora {
 void application_starting();
 // Sends "READY=1".
 void application_ready();
+// Sends "STATUS=text": what `systemctl status` shows.
+void application_status(const std::string& text);
 
 // The watchdog period the service manager asked for (WATCHDOG_USEC, for this
 // process); zero when it asked for none.
