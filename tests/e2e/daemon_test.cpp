@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include "frames.h"
 #include "harness.h"
 
 using namespace ipcd_test;
@@ -177,6 +178,83 @@ TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     EXPECT_TRUE(wait_until([&] { return daemon.notified("STOPPING=1") == 1; }));
     EXPECT_NE(daemon.process().out().find("Received SIGTERM, stopping"), std::string::npos);
     EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
+}
+
+// The JSON objects ipcd published on a topic, as a watch printed them (raw).
+std::vector<Json> json_bodies(const Process& watcher) {
+    std::vector<Json> bodies;
+    for (const auto& line : json_lines(watcher.out())) {
+        const std::string hex = line["payload"];
+        std::string text;
+        for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+            text += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+        }
+        bodies.push_back(Json::parse(text));
+    }
+    return bodies;
+}
+
+// What ipcd shows of itself: stale retained state of an earlier run is gone
+// before it relays, health is up while it runs and down (its last will) when
+// it dies, and the statistics count exactly what happened, also where the log
+// only summarises.
+TEST(Daemon, ShowsItselfFromOutside) {
+    Broker broker;
+    const int port = broker.port();
+    {
+        Client earlier(port);
+        ASSERT_TRUE(earlier->connect());
+        for (const char* topic : {"system/ipc/subscriptions", "system/rt/eod"}) {
+            auto stale = message(std::string("stale"), 1, true);
+            earlier->publish(topic, stale);
+        }
+        earlier->stop();
+    }
+    Daemon daemon(port);
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "stats_interval=1\n")});
+    EXPECT_EQ(ctl(port, {"status"}).out, "no subscription status\n");
+    EXPECT_TRUE(json_lines(watch(port, {"system/rt/eod"})->out()).empty());
+    auto health = watch(port, {"system/ipc/health"});
+    auto state = [&] { return json_bodies(*health).back()["state"]; };
+    ASSERT_TRUE(wait_until([&] { return !json_bodies(*health).empty(); }));
+    EXPECT_EQ(state(), "up");
+
+    release(daemon, port);
+    constexpr std::uint32_t unknown = 10000;
+    for (std::uint32_t i = 0; i < unknown; ++i) {
+        daemon.write_record(9999, {1}, i);
+    }
+    Bytes damage{'Q', 'P', 'R', '1'};  // a header whose length is out of bounds
+    damage.resize(40, 0xFF);
+    ASSERT_EQ(::write(daemon.rx(), damage.data(), damage.size()), 40);
+    for (std::uint64_t i = 0; i < 6; ++i) {
+        daemon.write_record(23, {1, 2}, i);
+    }
+    auto stats = watch(port, {"system/ipc/stats"});
+    Json last;
+    ASSERT_TRUE(wait_until(
+        [&] {
+            const auto bodies = json_bodies(*stats);
+            last = bodies.empty() ? Json() : bodies.back();
+            return !last.is_null() && last["rt_to_broker"] == 6;
+        },
+        20s))
+        << stats->out();
+    EXPECT_EQ(last["unknown_ids"], unknown);
+    EXPECT_EQ(last["rx_damaged"], 1);
+    EXPECT_EQ(last["connected"], true);
+    EXPECT_EQ(last["reconnects"], 0);
+    const std::string log = daemon.process().out();
+    std::size_t unknown_lines = 0;
+    for (auto at = log.find("Unable to find rt-id 9999"); at != std::string::npos;
+         at = log.find("Unable to find rt-id 9999", at + 1)) {
+        ++unknown_lines;
+    }
+    EXPECT_LT(unknown_lines, 20U);  // the first ones as ever, then a summary
+    EXPECT_NE(log.find("repeated"), std::string::npos);
+
+    daemon.process().signal(SIGKILL);
+    EXPECT_TRUE(wait_until([&] { return state() == "down"; })) << health->out();
 }
 
 }  // namespace
