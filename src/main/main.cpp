@@ -51,20 +51,12 @@ int main(int argc, char** argv) {
 
     // A stop signal ends the daemon the way the shutdown indication does:
     // reading stops, the end of data is published, what waits for the broker
-    // is written, and the process ends with status 0. The watchdog is fed
-    // while the RX reader goes round its loop.
-    supervisor.start(
-        [&bridge](int signal) {
-            logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
-                            << ", stopping";
-            bridge.m_reader.stop_requested = true;
-        },
-        [&bridge, last = std::uint64_t{0}]() mutable {
-            const std::uint64_t now = bridge.m_reader.rounds();
-            const bool moved = now != last;
-            last = now;
-            return moved;
-        });
+    // is written, and the process ends with status 0.
+    supervisor.start([&bridge](int signal) {
+        logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
+                        << ", stopping";
+        bridge.m_reader.stop_requested = true;
+    });
 
     // Returns only when the broker connection failed; every other end of the
     // bridge ends the process itself.
