@@ -35,8 +35,9 @@ Supervisor::Supervisor() {
 Supervisor::~Supervisor() {
     if (m_thread.joinable()) {
         m_ending = true;
-        // Wakes the thread's wait; the flag tells it that this one is ours.
-        pthread_kill(m_thread.native_handle(), SIGTERM);
+        // Wakes the thread's wait with a signal it takes and that stops
+        // nothing by itself; the flag tells it that this one is ours.
+        pthread_kill(m_thread.native_handle(), SIGHUP);
         m_thread.join();
     }
 }
