@@ -217,8 +217,13 @@ Daemon::Daemon(int port, std::string catalogue)
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, m_dir.file("notify").c_str(), sizeof addr.sun_path - 1);
     bind(m_notify_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    m_dir.fifo("rx");
+    signal(SIGPIPE, SIG_IGN);  // RX closed by ipcd: a failed write, not the test's end
+    m_tx_fd = open(m_dir.fifo("tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);  // a slow reader must not look like a lost port
     // Read all the time, as the service manager does: a test that looks only
-    // now and then must not fill the queue and hold ipcd up.
+    // now and then must not fill the queue and hold ipcd up. Started last,
+    // once nothing here can throw.
     m_drain = std::thread([this] {
         for (char buf[512]; m_draining;) {
             pollfd ready{m_notify_fd, POLLIN, 0};
@@ -229,10 +234,6 @@ Daemon::Daemon(int port, std::string catalogue)
             }
         }
     });
-    m_dir.fifo("rx");
-    signal(SIGPIPE, SIG_IGN);  // RX closed by ipcd: a failed write, not the test's end
-    m_tx_fd = open(m_dir.fifo("tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);  // a slow reader must not look like a lost port
 }
 
 Daemon::~Daemon() {

@@ -25,8 +25,7 @@ sigset_t taken_signals() {
 Supervisor::Supervisor() {
     // A parent may have left SIGTERM ignored, and an ignored signal is never
     // waited for: the service manager's stop must work whatever we inherited.
-    // (SIGINT and SIGHUP stay as inherited: a shell ignores SIGINT for
-    // background jobs, nohup ignores SIGHUP.)
+    // (SIGINT stays as inherited: a shell ignores it for background jobs.)
     signal(SIGTERM, SIG_DFL);
     const sigset_t set = taken_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
