@@ -64,13 +64,11 @@ int main(int argc, char** argv) {
     // A stop signal ends the daemon the way the shutdown indication does:
     // reading stops, the end of data is published, what waits for the broker
     // is written within a bound, and the process ends with status 0.
-    supervisor.start(
-        [&bridge](int signal) {
-            logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
-                            << ", stopping";
-            bridge.request_stop();
-        },
-        [] { return false; });
+    supervisor.start([&bridge](int signal) {
+        logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
+                        << ", stopping";
+        bridge.request_stop();
+    });
 
     // Returns only when the broker connection failed; every other end of the
     // bridge ends the process itself.

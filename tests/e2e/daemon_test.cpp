@@ -250,8 +250,7 @@ TEST(Daemon, ShowsItselfFromOutside) {
          at = log.find("Unable to find rt-id 9999", at + 1)) {
         ++unknown_lines;
     }
-    EXPECT_LT(unknown_lines, 20U);  // the first ones as ever, then a summary
-    EXPECT_NE(log.find("repeated"), std::string::npos);
+    EXPECT_LT(unknown_lines, 20U);  // the first ones as ever; a summary after the minute
 
     daemon.process().signal(SIGKILL);
     EXPECT_TRUE(wait_until([&] { return state() == "down"; })) << health->out();

@@ -104,4 +104,21 @@ TEST(Fault, LostTxPortStopsTheServiceStackAndEnds) {
     EXPECT_EQ(read_file(calls), "stop norvex\n");
 }
 
+// SIGHUP is logged and changes nothing: ipcd goes on relaying. A service
+// manager that stopped reading its notification socket (queue full, pings due
+// every 50 ms) holds nothing up: SIGTERM still ends ipcd in order.
+TEST(Fault, HangupIgnoredAndStopWithAServiceManagerThatReadsNothing) {
+    Broker broker;
+    Daemon daemon(broker.port());
+    daemon.start({}, {"WATCHDOG_USEC=100000"});
+    auto speed = watch(broker.port(), {"rt/vehicle/speed"});
+    daemon.process().signal(SIGHUP);
+    ASSERT_TRUE(daemon.process().wait_out("NOTICE supervisor: Received SIGHUP, ignored"));
+    daemon.write_record(20, {1, 0, 1}, 77);
+    EXPECT_TRUE(speed->wait_out("rt/vehicle/speed"));
+    daemon.stop_draining();
+    daemon.process().signal(SIGTERM);
+    EXPECT_EQ(daemon.process().wait(10s), 0) << daemon.process().out();
+}
+
 }  // namespace

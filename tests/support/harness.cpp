@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -220,9 +221,24 @@ Daemon::Daemon(int port, std::string catalogue)
     signal(SIGPIPE, SIG_IGN);  // RX closed by ipcd: a failed write, not the test's end
     m_tx_fd = open(m_dir.fifo("tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     fcntl(m_tx_fd, F_SETPIPE_SZ, 1 << 20);  // a slow reader must not look like a lost port
+    // Read all the time, as the service manager does: a test that looks only
+    // now and then must not fill the queue and hold ipcd up. Started last,
+    // once nothing here can throw.
+    m_drain = std::thread([this] {
+        for (char buf[512]; m_draining;) {
+            pollfd ready{m_notify_fd, POLLIN, 0};
+            const ssize_t n = poll(&ready, 1, 20) > 0 ? recv(m_notify_fd, buf, sizeof buf, 0) : 0;
+            if (n > 0) {
+                std::lock_guard<std::mutex> lock(m_notify_mutex);
+                m_notifications.emplace_back(buf, static_cast<std::size_t>(n));
+            }
+        }
+    });
 }
 
 Daemon::~Daemon() {
+    m_process.reset();  // ipcd ends before its notification socket is left unread
+    stop_draining();
     close(m_rx_fd);
     close(m_tx_fd);
     close(m_notify_fd);
@@ -247,12 +263,29 @@ void Daemon::start(std::vector<std::string> extra, std::vector<std::string> env,
 }
 
 std::size_t Daemon::notified(const std::string& message) {
-    char buf[512];
-    for (ssize_t n; (n = recv(m_notify_fd, buf, sizeof buf, 0)) > 0;) {
-        m_notifications.emplace_back(buf, static_cast<std::size_t>(n));
-    }
+    std::lock_guard<std::mutex> lock(m_notify_mutex);
     return static_cast<std::size_t>(
         std::count(m_notifications.begin(), m_notifications.end(), message));
+}
+
+void Daemon::stop_draining() {
+    if (!m_drain.joinable()) {
+        return;
+    }
+    m_draining = false;
+    m_drain.join();
+    // As small a queue as the kernel allows, then filled to the brim from a
+    // socket of the test's own: ipcd's next notification finds no room.
+    const int smallest = 1;
+    setsockopt(m_notify_fd, SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest);
+    const int filler = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, m_dir.file("notify").c_str(), sizeof addr.sun_path - 1);
+    while (sendto(filler, "X=1", 3, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&addr),
+                  sizeof addr) == 3) {
+    }
+    close(filler);
 }
 
 void Daemon::write_record(std::uint32_t id, const std::vector<std::uint8_t>& data,

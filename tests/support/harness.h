@@ -5,6 +5,7 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -121,6 +122,9 @@ public:
     // Waits until count records came out of TX; all so far.
     std::vector<ecu::kora::ipc::IpcSignal> tx_records(std::size_t count);
     std::size_t notified(const std::string& message);  // sd_notify messages so far
+    // The notification socket is read until the Daemon ends; from now on it is
+    // never read again and left full, like a service manager that hangs.
+    void stop_draining();
     Process& process() { return *m_process; }
     const TempDir& dir() const { return m_dir; }
     int rx() const { return m_rx_fd; }  // for writes of many records at once
@@ -132,7 +136,10 @@ private:
     int m_notify_fd;
     int m_rx_fd = -1;
     int m_tx_fd;
+    std::mutex m_notify_mutex;
     std::vector<std::string> m_notifications;
+    std::atomic<bool> m_draining{true};
+    std::thread m_drain;
     ecu::kora::ipc::RecordDecoder m_tx_decoder;
     std::vector<ecu::kora::ipc::IpcSignal> m_tx_out;
     std::unique_ptr<Process> m_process;

@@ -8,6 +8,9 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <vector>
+
+#include "repeat_limiter.h"
 
 namespace ecu::kora::logging {
 
@@ -35,6 +38,10 @@ struct State {
     bool syslog_open = false;
     std::atomic<int> mode{static_cast<int>(LogMode::syslog)};
     std::atomic<int> level{-1};
+    // WARNING and worse are the problems that can flood; NOTICE, INFO and
+    // DEBUG lines are asked for by level or option and written one for one.
+    RepeatLimiter repeats;
+    std::vector<RepeatLimiter::Summary> due;  // reused: no allocation per line
 };
 
 // Never destroyed: threads that outlive exit()'s static destructors may still log.
@@ -55,9 +62,8 @@ int default_level() {
 
 thread_local const LogModule* g_active_module = nullptr;
 
-void write_line(int severity, const LogModule& module, const std::string& text) {
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.write_mutex);
+// Writes one line to the sink or the output mode; the write lock is held.
+void emit(State& s, int severity, const LogModule& module, const std::string& text) {
     if (s.sink) {
         s.sink(severity, module.name(), text);
         return;
@@ -84,6 +90,25 @@ void write_line(int severity, const LogModule& module, const std::string& text) 
     // as it happens.
     fprintf(out, "%s %s %s: %s\n", when, level_name(severity), module.name().c_str(), text.c_str());
     fflush(out);
+}
+
+void write_line(int severity, const LogModule& module, const std::string& text) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.write_mutex);
+    const auto now = RepeatLimiter::Clock::now();
+    s.due.clear();
+    bool write = true;
+    if (severity <= Severity::warning) {
+        write = s.repeats.admit(severity, &module, text, now, s.due);
+    } else {
+        s.repeats.flush(now, s.due);
+    }
+    for (const RepeatLimiter::Summary& summary : s.due) {
+        emit(s, summary.severity, *summary.module, summary.text);
+    }
+    if (write) {
+        emit(s, severity, module, text);
+    }
 }
 
 }  // namespace
@@ -155,6 +180,8 @@ void set_sink(Sink sink) {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.write_mutex);
     s.sink = std::move(sink);
+    // What a new receiver gets does not depend on what was written before it.
+    s.repeats.clear();
 }
 
 bool LogStream::admits(const LogModule* module) const {

@@ -9,6 +9,11 @@
 // decided once, when it is opened, so a refused NOTICE, INFO or DEBUG line
 // formats none of its insertions. Safe from any thread: a line is built in its
 // own buffer and written in one piece under a lock.
+//
+// A WARNING-or-worse line that repeats (same module, severity and text but
+// for its numbers) more than ten times within a minute is counted instead of
+// written, and one summary line per minute says how often it came
+// (repeat_limiter.h). NOTICE, INFO and DEBUG lines are always written.
 
 #include <atomic>
 #include <charconv>
@@ -71,6 +76,7 @@ std::optional<int> level_from_name(std::string_view name);
 
 // Receives every written line instead of the output mode while set; for tools
 // and tests that need the log as data. Pass an empty function to clear.
+// Either starts the repeat counts afresh.
 using Sink = std::function<void(int severity, const std::string& module, const std::string& text)>;
 void set_sink(Sink sink);
 

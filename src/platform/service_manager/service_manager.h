@@ -2,6 +2,9 @@
 
 // Notifications to the service manager (systemd Type=notify). Each is a no-op
 // when NOTIFY_SOCKET is not set, so the daemon also runs outside systemd.
+// None ever blocks: when the service manager's queue is full the notification
+// is dropped, so any thread may send one, also on the way out. Safe from any
+// thread.
 
 #include <chrono>
 #include <string>
@@ -12,13 +15,15 @@ namespace ecu::kora {
 void application_starting();
 // Sends "READY=1".
 void application_ready();
-// Sends "STATUS=text": what `systemctl status` shows.
+// Sends "STATUS=" + text: the line `systemctl status` shows. Each call is one
+// datagram; callers send it at most about once a second.
 void application_status(const std::string& text);
 
 // The watchdog period the service manager asked for (WATCHDOG_USEC, for this
 // process); zero when it asked for none.
 std::chrono::microseconds watchdog_period();
-// Sends "WATCHDOG=1": the daemon is alive.
+// Sends "WATCHDOG=1": the daemon is alive. Whoever proves progress calls it,
+// at about half the period.
 void watchdog_alive();
 
 namespace ipc {

@@ -3,22 +3,20 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <ctime>
 
-#include "service_manager.h"
+#include "logging.h"
 
 namespace ecu::kora {
 
 namespace {
 
-sigset_t stop_signals() {
+sigset_t taken_signals() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
     return set;
 }
 
@@ -29,47 +27,44 @@ Supervisor::Supervisor() {
     // waited for: the service manager's stop must work whatever we inherited.
     // (SIGINT stays as inherited: a shell ignores it for background jobs.)
     signal(SIGTERM, SIG_DFL);
-    const sigset_t set = stop_signals();
+    const sigset_t set = taken_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 Supervisor::~Supervisor() {
     if (m_thread.joinable()) {
         m_ending = true;
-        // Wakes the thread's wait; the flag tells it that this one is ours.
-        pthread_kill(m_thread.native_handle(), SIGTERM);
+        // Wakes the thread's wait with a signal it takes and that stops
+        // nothing by itself; the flag tells it that this one is ours.
+        pthread_kill(m_thread.native_handle(), SIGHUP);
         m_thread.join();
     }
 }
 
-void Supervisor::start(std::function<void(int)> on_stop, std::function<bool()> alive) {
+void Supervisor::start(std::function<void(int)> on_stop) {
     m_on_stop = std::move(on_stop);
-    m_alive = std::move(alive);
     m_thread = std::thread([this] { run(); });
 }
 
 void Supervisor::run() {
-    const sigset_t set = stop_signals();
-    const std::chrono::microseconds period = watchdog_period();
-    // Half the period, as the service manager advises: a late ping is a kill.
-    const auto half = std::max(period / 2, std::chrono::microseconds(1000));
-    timespec wait{static_cast<time_t>(half.count() / 1000000),
-                  static_cast<long>(half.count() % 1000000) * 1000};
+    static const auto log = logging::module("supervisor");
+    const sigset_t set = taken_signals();
     bool stopping = false;
     for (;;) {
-        const int signal =
-            period.count() > 0 ? sigtimedwait(&set, nullptr, &wait) : sigwaitinfo(&set, nullptr);
+        const int signal = sigwaitinfo(&set, nullptr);
         if (m_ending) {
             return;
         }
-        if (signal > 0) {
+        if (signal == SIGHUP) {
+            logging::NOTICE << log
+                            << "Received SIGHUP, ignored: ipcd has no log file to reopen and "
+                               "reads its configuration only at start";
+        } else if (signal > 0) {
             if (stopping) {
                 std::_Exit(128 + signal);
             }
             stopping = true;
             m_on_stop(signal);
-        } else if (errno == EAGAIN && m_alive()) {
-            watchdog_alive();
         }
     }
 }

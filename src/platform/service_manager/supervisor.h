@@ -1,13 +1,13 @@
 #pragma once
 
-// What the service manager asks of a running daemon besides readiness: to stop
-// in order on SIGTERM (and SIGINT, from a terminal), and to prove it is alive
-// to the watchdog. Both are handled on one thread of the supervisor's own,
-// never in a signal handler, so the daemon's code runs without restrictions.
+// Takes the signals a service manager or a terminal sends a running daemon,
+// on one thread of the supervisor's own that does nothing else, never in a
+// signal handler, so that the daemon's code runs without restrictions and no
+// other work can keep a stop from being seen.
 //
 // Construct it on the main thread before any other thread exists: it blocks
-// SIGTERM and SIGINT there, later threads inherit the mask, and so the signals
-// reach nobody but the supervisor's sigtimedwait.
+// SIGTERM, SIGINT and SIGHUP there, later threads inherit the mask, and so the
+// signals reach nobody but the supervisor's sigwaitinfo.
 
 #include <atomic>
 #include <functional>
@@ -23,17 +23,16 @@ public:
     Supervisor& operator=(const Supervisor&) = delete;
 
     // Starts the thread. on_stop(signal) runs on it for the first SIGTERM or
-    // SIGINT; a second one ends the process at once (status 128 + signal), for
-    // someone at a terminal whose daemon does not end. While the service
-    // manager wants a watchdog, the thread pings it every half period, but only
-    // when alive() says the daemon has made progress since the last ping.
-    void start(std::function<void(int)> on_stop, std::function<bool()> alive);
+    // SIGINT and must not wait for long; a second one ends the process at once
+    // (status 128 + signal), for someone at a terminal whose daemon does not
+    // end. SIGHUP is logged at NOTICE and changes nothing: the daemon has no
+    // log file to reopen and reads its configuration only at start.
+    void start(std::function<void(int)> on_stop);
 
 private:
     void run();
 
     std::function<void(int)> m_on_stop;
-    std::function<bool()> m_alive;
     std::atomic<bool> m_ending{false};
     std::thread m_thread;
 };
