@@ -179,7 +179,8 @@ private:
 std::vector<std::string> alloc_env(const std::string& path);
 
 std::uint64_t cpu_ns(pid_t pid);
-std::uint64_t self_cpu_ns();  // this process, ended threads included
+std::uint64_t wakeups(pid_t pid);  // times any of its threads was put on a CPU
+std::uint64_t self_cpu_ns();       // this process, ended threads included
 std::size_t vm_rss_bytes(pid_t pid);
 
 // The figures, each adding its rows and notes. The relay figures run on a
@@ -190,6 +191,7 @@ void broker_to_rt(const Config& cfg, Report& report, int port, Daemon& daemon);
 void idle(const Config& cfg, Report& report, Daemon& daemon);
 void earlybird(const Config& cfg, Report& report, int port);
 void restart(const Config& cfg, Report& report);
+void stop(const Config& cfg, Report& report);
 void soak(const Config& cfg, Report& report, int port);
 void profile(const Config& cfg, Report& report, int port);
 

@@ -55,6 +55,21 @@ std::uint64_t cpu_ns(pid_t pid) {
     return total;
 }
 
+std::uint64_t wakeups(pid_t pid) {
+    std::uint64_t total = 0;
+    for (const auto& tid : threads(pid)) {
+        // run time, wait time, number of times the thread was put on a CPU
+        std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + tid + "/schedstat");
+        std::uint64_t run = 0;
+        std::uint64_t wait = 0;
+        std::uint64_t slices = 0;
+        if (in >> run >> wait >> slices) {
+            total += slices;
+        }
+    }
+    return total;
+}
+
 std::uint64_t self_cpu_ns() {
     rusage ru{};
     getrusage(RUSAGE_SELF, &ru);

@@ -41,6 +41,7 @@ int run_all(const Config& cfg) {
         profile(cfg, report, port);
     }
     restart(cfg, report);
+    stop(cfg, report);
     report.print(cfg.scale);
     std::printf(
         "  RT->broker: %zu records per size and turn into RX in ~256 KiB writes; rate = unique\n"
