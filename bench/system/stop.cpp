@@ -1,6 +1,5 @@
 // Stop: SIGTERM to exit while the broker is paused with ipcd's socket full
-// (the reader stuck in a publish, seen as the watchdog pings stopping) and
-// while the broker is gone.
+// (the RT side kept waiting) and while the broker is gone.
 
 #include <signal.h>
 
@@ -23,10 +22,10 @@ void stop(const Config&, Report& report) {
         if (paused) {
             broker.pause();
             wait_until(
-                [&] {
-                    const std::size_t before = daemon.notified("WATCHDOG=1");
+                [&] {  // the socket and the RX FIFO are full: the RT side waits
+                    const std::size_t before = generated(*sim);
                     std::this_thread::sleep_for(600ms);
-                    return daemon.notified("WATCHDOG=1") == before;
+                    return generated(*sim) == before;
                 },
                 60s);
         } else {

@@ -135,6 +135,10 @@ void IPCd::run() {
     const std::chrono::seconds tick =
         m_stats_interval.count() > 0 ? m_stats_interval : std::chrono::seconds(10);
     m_reader.every(tick, [this] { m_reporter->tick(*m_transport, m_stats_interval); });
+    // The reader's thread writes RT data to the broker itself.
+    if (loop::IPollSource* source = m_transport->poll_source()) {
+        m_reader.add_source(*source);
+    }
     start_earlybird_thread();
     std::thread reader_thread([this] { m_reader.read_loop(); });
     m_transport->start();

@@ -132,8 +132,9 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
 }
 
 // Over TLS with a login (the tools use the plain listener), one message
-// pending at most. Watchdog pings come while the reader goes round and stop
-// while it is stuck in a record the paused broker does not take. SIGTERM
+// pending at most. While the paused broker takes nothing, the RT side waits
+// and watchdog pings go on (the loop is alive), and the stream goes on when
+// the broker does. SIGTERM
 // mid-stream: what was read reaches the broker with no gap, then the end of
 // data; the service manager hears STOPPING=1; status 0.
 TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
@@ -150,16 +151,18 @@ TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     ASSERT_TRUE(wait_until([&] { return pings() >= 3; }));
     broker.pause();
     auto stuck = generate(daemon, "rt/vehicle/battery", 20000);
-    std::size_t seen = 0;
+    std::size_t written = 0;
     ASSERT_TRUE(wait_until(
-        [&] {
-            const std::size_t before = pings();
-            std::this_thread::sleep_for(600ms);  // three periods without one
-            return (seen = pings()) == before;
+        [&] {  // the RT side waits: ipcd reads no more than the broker takes
+            const std::size_t before = generated(*stuck);
+            std::this_thread::sleep_for(600ms);
+            return (written = generated(*stuck)) == before;
         },
         60s));
+    const std::size_t seen = pings();
+    EXPECT_TRUE(wait_until([&] { return pings() > seen + 2; }));  // its loop is alive
     broker.resume();
-    EXPECT_TRUE(wait_until([&] { return pings() > seen + 2; }));
+    EXPECT_TRUE(wait_until([&] { return generated(*stuck) > written; })) << daemon.process().out();
     stuck.reset();
 
     const std::string steering = "rt/vehicle/steering";  // its first signal: angle_cdeg

@@ -179,15 +179,39 @@ void QueuePortReader<Depth, Record>::read_loop() {
     }
 
     while (!ended && !stop_requested.load()) {
-        const int timeout = run_timers(partial_deadline);
-        pollfd pfd[2] = {{m_fd, POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
-        const auto p = sys_call("poll", [&] { return ::poll(pfd, 2, timeout); });
+        int timeout = run_timers(partial_deadline);
+        // Slots: the port (unless what it feeds is full), the stop, the source's.
+        constexpr std::size_t max_slots = 6;
+        pollfd pfd[max_slots] = {{m_fd, POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
+        std::size_t slots = 2;
+        if (m_source != nullptr) {
+            if (!m_source->accepts_more()) {
+                pfd[0].fd = -1;  // poll ignores it: the RT side waits
+            }
+            slots += m_source->fill(pfd + 2, max_slots - 2);
+            const auto due = m_source->due();
+            if (due != Clock::time_point::max()) {
+                const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
+                const int ms = static_cast<int>(std::max<long long>(left.count(), 0));
+                timeout = timeout < 0 ? ms : std::min(timeout, ms);
+            }
+        }
+        const auto p = sys_call("poll", [&] { return ::poll(pfd, slots, timeout); });
         if (p.failed()) {
             logging::ERROR << port_log() << "RX queue port " << m_path << ": " << p.message();
             break;
         }
         if (stop_requested.load()) {
             break;
+        }
+        if (m_source != nullptr) {
+            bool ready = Clock::now() >= m_source->due();
+            for (std::size_t i = 2; i < slots; ++i) {
+                ready = ready || pfd[i].revents != 0;
+            }
+            if (ready) {
+                m_source->serve(pfd + 2, slots - 2);
+            }
         }
         if (p.value == 0 || (pfd[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
             if (Clock::now() >= partial_deadline) {
@@ -257,6 +281,9 @@ void QueuePortReader<Depth, Record>::read_loop() {
                 stopped = true;
                 break;
             }
+        }
+        if (m_source != nullptr && delivered > 0) {
+            m_source->flush();
         }
         if (stopped || decoder.pending() == 0) {
             partial_deadline = Clock::time_point::max();

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "ipc_signal.h"
+#include "poll_source.h"
 #include "record_format.h"
 
 namespace ecu::kora::ipc {
@@ -89,6 +90,11 @@ public:
     // first time one period after it starts). Register before read_loop.
     void every(std::chrono::milliseconds period, std::function<void()> fn);
 
+    // Serves source on the reading thread as well: its descriptors join the
+    // poll, and after every batch of records handed to the consumer it is
+    // told to flush. Register before read_loop; it must outlive it.
+    void add_source(loop::IPollSource& source) { m_source = &source; }
+
     // Set from another thread to end read_loop.
     StopRequest stop_requested;
 
@@ -103,6 +109,7 @@ private:
     int run_timers(std::chrono::steady_clock::time_point partial_deadline);
 
     std::vector<Timer> m_timers;
+    loop::IPollSource* m_source = nullptr;
     IDataConsumer<IpcSignal>& m_consumer;
     int m_fd = -1;
     std::string m_path;

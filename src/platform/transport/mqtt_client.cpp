@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <functional>
@@ -123,7 +124,19 @@ bool MqttClient::set_will(const std::string& topic, const Message& msg) {
 void MqttClient::interrupt() {
     // What is still to go out (the end of data, say) gets a moment; together
     // with stop()'s flush the stop stays within half a second.
-    m_outbox.interrupt(std::chrono::steady_clock::now() + g_interrupt_wait);
+    const auto deadline = std::chrono::steady_clock::now() + g_interrupt_wait;
+    m_outbox.interrupt(deadline);
+    if (PublishLink* rt = m_rt.load()) {
+        rt->outbox().interrupt(deadline);
+    }
+}
+
+loop::IPollSource* MqttClient::poll_source() {
+    if (!m_link) {
+        m_link = std::make_unique<PublishLink>(m_settings);
+        m_rt.store(m_link.get());
+    }
+    return m_link.get();
 }
 
 LinkStatus MqttClient::link_status() const {
@@ -138,6 +151,11 @@ LinkStatus MqttClient::link_status() const {
     status.reconnects = m_reconnects.load(std::memory_order_relaxed);
     status.dropped_offline = m_outbox.dropped_offline();
     status.offline_depth = m_outbox.offline_queued();
+    if (const PublishLink* rt = m_rt.load()) {
+        status.connected = status.connected && rt->connected();
+        status.dropped_offline += rt->outbox().dropped_offline();
+        status.offline_depth += rt->outbox().offline_queued();
+    }
     return status;
 }
 
@@ -164,8 +182,21 @@ bool MqttClient::stop() {
         logging::ERROR << log_module() << "stop() cannot be called on the delivery thread";
         return false;
     }
-    // Publishers return 0 from now on, waiting ones too.
-    const Outbox::Unsent unsent = m_outbox.close(loop_running ? g_stop_flush_timeout : 0ms);
+    // Publishers return 0 from now on, waiting ones too. The RT data link
+    // writes what it holds itself: its loop has ended.
+    const auto end = std::chrono::steady_clock::now() + g_stop_flush_timeout;
+    const auto left = [&end] {
+        return std::max(0ms, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 end - std::chrono::steady_clock::now()));
+    };
+    Outbox::Unsent unsent{0, 0};
+    if (PublishLink* rt = m_rt.load()) {
+        rt->close(left());
+        unsent = rt->outbox().close(0ms);
+    }
+    const Outbox::Unsent main = m_outbox.close(loop_running ? left() : 0ms);
+    unsent.unconfirmed += main.unconfirmed;
+    unsent.offline += main.offline;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_state = State::closed;
@@ -189,6 +220,9 @@ int MqttClient::publish(const std::string& topic, Message& msg) {
         logging::ERROR << log_module() << "cannot publish on '" << topic << "': QoS "
                        << static_cast<int>(msg.qos) << ", " << msg.payload.size() << " bytes";
         return 0;
+    }
+    if (PublishLink* rt = m_rt.load(); rt != nullptr && msg.qos == 0) {
+        return rt->outbox().publish(topic, msg, rt->on_loop_thread());
     }
     // libmosquitto checks the topic itself, so the hot path does not twice.
     return m_outbox.publish(topic, msg, on_network_thread());

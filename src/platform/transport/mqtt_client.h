@@ -24,6 +24,7 @@
 
 #include "mqtt_settings.h"
 #include "outbox.h"
+#include "publish_link.h"
 #include "reconnect_policy.h"
 #include "transport.h"
 
@@ -49,6 +50,7 @@ public:
     bool set_will(const std::string& topic, const Message& msg) override;
     void interrupt() override;
     LinkStatus link_status() const override;
+    loop::IPollSource* poll_source() override;
 
     // False when libmosquitto could not make the client (out of memory).
     bool usable() const { return m_mosq != nullptr; }
@@ -92,6 +94,9 @@ private:
 
     const MqttSettings m_settings;
     Outbox m_outbox;
+    // QoS 0 messages once a loop serves it (poll_source()).
+    std::unique_ptr<PublishLink> m_link;
+    std::atomic<PublishLink*> m_rt{nullptr};
     mosquitto* m_mosq = nullptr;
     std::atomic<std::thread::id> m_network_thread{};
     std::thread m_network;

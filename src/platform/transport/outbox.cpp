@@ -192,6 +192,15 @@ void Outbox::written(int mid) {
     }
 }
 
+void Outbox::written_qos0(std::size_t n) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const std::size_t before = pending_locked();
+    m_pending_qos0 -= std::min(n, m_pending_qos0);
+    if (before >= m_max_pending || pending_locked() == 0) {
+        m_cv.notify_all();
+    }
+}
+
 Outbox::Unsent Outbox::close(std::chrono::milliseconds bound) {
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_open) {

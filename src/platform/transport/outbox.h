@@ -82,6 +82,9 @@ public:
     void disconnected();
     // The connection wrote a QoS 0 message, or the broker acknowledged QoS 1.
     void written(int mid);
+    // The connection wrote n QoS 0 messages (a connection that reports them
+    // in batches, with no ids).
+    void written_qos0(std::size_t n);
 
     // Waits up to bound for what is pending to be confirmed (or for the
     // connection to go), then refuses every publish, waiting ones too.

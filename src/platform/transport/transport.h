@@ -9,6 +9,7 @@
 #include <string>
 
 #include "message.h"
+#include "poll_source.h"
 
 namespace ecu::kora::config {
 class Configuration;
@@ -67,6 +68,11 @@ public:
     // briefly, and what finds none by then is dropped. Any thread.
     virtual void interrupt() {}
     virtual LinkStatus link_status() const { return {}; }
+    // What a poll loop on the RT side must serve so that QoS 0 messages
+    // published on its thread go to the socket without changing threads
+    // (null: the client needs no loop). Once asked for, it carries every QoS
+    // 0 message, and the loop must run until stop().
+    virtual loop::IPollSource* poll_source() { return nullptr; }
 };
 
 // The client for the type, configured from "host", "port", "client_name" and
