@@ -1,6 +1,7 @@
 // Faults around the real daemon: the broker going away under a record
 // stream, garbage from clients, the TX port lost.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -97,21 +98,44 @@ TEST(Fault, GarbageOnEveryControlTopic) {
     EXPECT_TRUE(speed->wait_out("rt/vehicle/speed"));
 }
 
-// The RT side stops reading TX: ipcd stops the service stack (through the
-// systemctl first on PATH, here one that records its call) and ends.
+// The RT side stops reading TX, gone or leaving it full: while a message
+// waits its second for room, RT records still reach the broker (the two
+// directions do not share a thread); then ipcd stops the service stack
+// (through the systemctl first on PATH, here one that records its call) and
+// ends.
 TEST(Fault, LostTxPortStopsTheServiceStackAndEnds) {
-    Broker broker;
-    Daemon daemon(broker.port());
-    const std::string calls = daemon.dir().file("calls");
-    chmod(daemon.dir().write("systemctl", "#!/bin/sh\necho \"$@\" >> " + calls + "\n").c_str(),
-          0755);
-    daemon.start({}, {"PATH=" + daemon.dir().path() + ":" + std::getenv("PATH")});
-    daemon.close_tx();
-    EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status, 0);
-    EXPECT_EQ(daemon.process().wait(), 0);
-    EXPECT_NE(daemon.process().out().find("ALERT daemon: TX queue port is gone"),
-              std::string::npos);
-    EXPECT_EQ(read_file(calls), "stop norvex\n");
+    for (bool stalled : {false, true}) {
+        Broker broker;
+        Daemon daemon(broker.port());
+        const std::string calls = daemon.dir().file("calls");
+        chmod(daemon.dir().write("systemctl", "#!/bin/sh\necho \"$@\" >> " + calls + "\n").c_str(),
+              0755);
+        daemon.start({}, {"PATH=" + daemon.dir().path() + ":" + std::getenv("PATH")});
+        auto speed = watch(broker.port(), {"rt/vehicle/speed"});
+        int filler = -1;
+        if (stalled) {
+            filler = ::open(daemon.dir().file("tx").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            const Bytes junk(65536, 0);
+            while (::write(filler, junk.data(), junk.size()) > 0) {
+            }
+        } else {
+            daemon.close_tx();
+        }
+        EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status,
+                  0);
+        daemon.write_record(20, {1, 0, 1}, 77);
+        EXPECT_TRUE(speed->wait_out("rt/vehicle/speed"));
+        if (stalled) {
+            EXPECT_EQ(daemon.process().out().find("TX queue port is gone"), std::string::npos);
+        }
+        EXPECT_EQ(daemon.process().wait(), 0);
+        EXPECT_NE(daemon.process().out().find("ALERT daemon: TX queue port is gone"),
+                  std::string::npos);
+        EXPECT_EQ(read_file(calls), "stop norvex\n");
+        if (filler >= 0) {
+            ::close(filler);
+        }
+    }
 }
 
 // SIGHUP is noted and changes nothing. SIGTERM ends ipcd promptly and in
