@@ -5,6 +5,7 @@
 #include <future>
 
 #include "outbox.h"
+#include "reconnect_policy.h"
 #include "support.h"
 
 namespace ecu::kora::com {
@@ -138,6 +139,55 @@ TEST(Outbox, FailuresAndClose) {
     box.publish("t", msg("z"), false);
     EXPECT_EQ(box.close(10ms).unconfirmed, 2U);  // nothing confirmed them
     EXPECT_EQ(box.publish("t", msg("late"), false), 0);
+}
+
+// A stop: a publisher waiting for room gives up at the deadline, not later,
+// and one that finds room by then still goes out.
+TEST(Outbox, InterruptEndsWaitsForRoomAtItsDeadline) {
+    FakeLink link;
+    Outbox box(link, 1, 10);
+    box.open();
+    box.connected();
+    EXPECT_EQ(box.publish("t", msg("1"), false), 1);
+    box.interrupt(std::chrono::steady_clock::now() + 50ms);
+    EXPECT_EQ(box.publish("t", msg("dropped"), false), 0);
+    box.written_qos0(1);
+    EXPECT_EQ(box.publish("t", msg("room"), false), 1);
+    EXPECT_EQ(link.take(), (List{"t=1", "t=room"}));
+}
+
+// Reconnecting: the first attempt within 0.1 s, later ones further apart up
+// to the cap, spread by jitter; a failure that persists is told once, then
+// once a minute with the count, and afresh after a connection.
+TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
+    using Clock = ReconnectPolicy::Clock;
+    ReconnectPolicy policy(1);
+    ReconnectPolicy other(2);
+    EXPECT_LT(policy.lost(), 100ms);
+    auto now = Clock::time_point{};
+    std::vector<std::string> lines;
+    std::chrono::milliseconds last{};
+    bool differs = false;
+    for (int i = 0; i < 200; ++i) {
+        const auto decision = policy.failed("Connection refused", now);
+        differs = differs || decision.delay != other.failed("Connection refused", now).delay;
+        EXPECT_LE(decision.delay, ReconnectPolicy::max_delay);
+        if (decision.log_line) {
+            lines.push_back(*decision.log_line);
+        }
+        last = decision.delay;
+        now += decision.delay;
+    }
+    EXPECT_GE(last, ReconnectPolicy::max_delay / 2);
+    EXPECT_TRUE(differs);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[0], "cannot reach the broker: Connection refused; retrying");
+    EXPECT_NE(lines[1].find("more attempts in 6"), std::string::npos) << lines[1];
+    EXPECT_LE(
+        lines.size(),
+        1 + std::chrono::duration_cast<std::chrono::minutes>(now - Clock::time_point{}).count());
+    policy.connected();
+    EXPECT_TRUE(policy.failed("TLS error", now).log_line.has_value());
 }
 
 }  // namespace

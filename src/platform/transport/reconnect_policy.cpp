@@ -17,14 +17,14 @@ double ReconnectPolicy::random() {
 }
 
 std::chrono::milliseconds ReconnectPolicy::delay() {
-    // Growing by half from the first delay, capped: gently, because an
+    // Growing by a quarter from the first delay, capped: gently, because an
     // attempt on a local broker costs next to nothing and a broker that has
     // been away for a second should be found well within a second of its
     // return. The jitter takes up to half away or adds as much, so the first
     // attempt comes within 0.1 s.
     const double base = std::min(
         static_cast<double>(max_delay.count()),
-        static_cast<double>(first_delay.count()) * std::pow(1.5, std::min(m_attempts, 32U)));
+        static_cast<double>(first_delay.count()) * std::pow(1.25, std::min(m_attempts, 64U)));
     const double jittered =
         std::min(base * (0.5 + random()), static_cast<double>(max_delay.count()));
     return std::chrono::milliseconds(static_cast<long long>(jittered));
