@@ -45,6 +45,9 @@ PublishLink::PublishLink(const MqttSettings& settings)
       m_policy(std::hash<std::string>{}(m_client_id) ^
                static_cast<std::uint64_t>(Clock::now().time_since_epoch().count())),
       m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    // What one read of RX makes, so that the buffers do not grow under load.
+    m_out.reserve(std::size_t{128} * 1024);
+    m_writing.reserve(std::size_t{128} * 1024);
     m_outbox.open();
 }
 
@@ -171,18 +174,32 @@ void PublishLink::serve(const pollfd* slots, std::size_t count) {
 }
 
 void PublishLink::attempt() {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (const int rc = getaddrinfo(m_settings.host.c_str(), std::to_string(m_settings.port).c_str(),
-                                   &hints, &found);
-        rc != 0) {
-        failed(gai_strerror(rc));
-        return;
+    if (m_addresses.empty()) {
+        addrinfo hints{};
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        if (const int rc = getaddrinfo(m_settings.host.c_str(),
+                                       std::to_string(m_settings.port).c_str(), &hints, &found);
+            rc != 0) {
+            failed(gai_strerror(rc));
+            return;
+        }
+        for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+            Address address{};
+            std::memcpy(&address.storage, a->ai_addr, a->ai_addrlen);
+            address.length = a->ai_addrlen;
+            m_addresses.push_back(address);
+        }
+        freeaddrinfo(found);
+        std::reverse(m_addresses.begin(), m_addresses.end());
     }
-    std::unique_ptr<addrinfo, void (*)(addrinfo*)> addresses(found, &freeaddrinfo);
-    const addrinfo* a = found;
-    m_fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+    // One address after the other, in the resolver's order ("localhost" may
+    // be ::1 first while the broker listens on 127.0.0.1 only); the name is
+    // resolved again once the last one failed.
+    const Address address = m_addresses.back();
+    m_addresses.pop_back();
+    const auto* where = reinterpret_cast<const sockaddr*>(&address.storage);
+    m_fd = socket(where->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (m_fd < 0) {
         failed(errno_text(errno));
         return;
@@ -190,7 +207,7 @@ void PublishLink::attempt() {
     const int one = 1;
     setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     m_deadline = Clock::now() + g_connack_timeout;
-    if (::connect(m_fd, a->ai_addr, a->ai_addrlen) != 0 && errno != EINPROGRESS) {
+    if (::connect(m_fd, where, address.length) != 0 && errno != EINPROGRESS) {
         failed(errno_text(errno));
         return;
     }
@@ -220,9 +237,9 @@ void PublishLink::attempt() {
     }
     m_ssl = SSL_new(m_tls);
     SSL_set_fd(m_ssl, m_fd);
-    in6_addr address{};
-    const bool literal = inet_pton(AF_INET, m_settings.host.c_str(), &address) == 1 ||
-                         inet_pton(AF_INET6, m_settings.host.c_str(), &address) == 1;
+    in6_addr literal_address{};
+    const bool literal = inet_pton(AF_INET, m_settings.host.c_str(), &literal_address) == 1 ||
+                         inet_pton(AF_INET6, m_settings.host.c_str(), &literal_address) == 1;
     if (literal) {
         X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(m_ssl), m_settings.host.c_str());
     } else {
@@ -315,6 +332,7 @@ bool PublishLink::read_incoming() {
                 return false;
             }
             m_state = State::up;
+            m_addresses.clear();
             m_deadline = Clock::time_point::max();
             m_last_sent = Clock::now();
             m_up = true;
@@ -467,6 +485,10 @@ void PublishLink::failed(const std::string& reason) {
     m_deadline = Clock::time_point::max();
     if (was_up) {
         m_outbox.disconnected();
+    }
+    if (!m_addresses.empty()) {
+        m_retry_at = Clock::now();  // the host's next address, at once
+        return;
     }
     const ReconnectPolicy::Decision next = m_policy.failed(reason, Clock::now());
     m_retry_at = Clock::now() + next.delay;

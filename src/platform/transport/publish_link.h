@@ -19,6 +19,7 @@
 // close() from the owner once the loop has ended.
 
 #include <openssl/ssl.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
@@ -89,6 +90,11 @@ private:
     std::atomic<bool> m_ever_up{false};
 
     // The loop thread's own.
+    struct Address {
+        sockaddr_storage storage;
+        socklen_t length;
+    };
+    std::vector<Address> m_addresses;  // still to try in this attempt, the next one last
     State m_state = State::down;
     int m_fd = -1;
     SSL_CTX* m_tls = nullptr;
