@@ -154,7 +154,7 @@ void write_all(int fd, const Bytes& bytes) {
 }  // namespace
 
 void write_records(int fd, std::uint32_t id, std::size_t size, std::size_t count) {
-    const std::size_t batch = std::max<std::size_t>(16, (256 * 1024) / (size + 24));
+    const std::size_t batch = std::max<std::size_t>(16, std::size_t{256} * 1024 / (size + 24));
     Bytes encoded;
     Bytes buffer;
     for (std::size_t i = 0; i < count;) {

@@ -109,12 +109,12 @@ void relay(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRe
         const CostMeter meter(daemon.process().pid(), daemon.dir().file("allocs"));
         const CostMeter relay_meter(simple.pid(), simple.alloc_counts());
         for (int round = 1; round <= cfg.repeats; ++round) {
-            const std::string of = std::to_string(size) + " B x " +
+            const std::string of = " " + std::to_string(size) + " B x " +
                                    std::to_string(cfg.relay_count) + " (" + std::to_string(round) +
                                    "/" + std::to_string(cfg.repeats) + ")";
             // One turn of publisher which, its broker and bench CPU counted.
             auto turn = [&](int which, const std::string& name, auto run) {
-                progress(name + " " + of);
+                progress(name + of);
                 const std::uint64_t broker0 = cpu_ns(broker);
                 const std::uint64_t self0 = self_cpu_ns();
                 const Turn t = run();
