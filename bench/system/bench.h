@@ -1,7 +1,8 @@
 #pragma once
 
 // What the figures of the system benchmark share: the run's settings and
-// table, a counting subscriber, a plain libmosquitto publisher (the baseline),
+// table, a counting subscriber, the baselines (a plain libmosquitto publisher
+// and the simplest relay),
 // RT records that carry their number and send time, and what a process costs
 // (CPU, memory, system calls, instructions, heap allocations). The broker,
 // ipcd and the tools come from the test harness.
@@ -30,6 +31,7 @@ inline const std::string g_data_topic = "rt/vehicle/battery";
 constexpr std::uint32_t g_marker_id = 20;
 inline const std::string g_marker_topic = "rt/vehicle/speed";
 inline const std::string g_rttx_topic = "rttx/hmi/climate_request";
+inline const std::string g_relay_topic = "bench/relay";
 inline const std::string g_flush_line = "Earlybird message processing done.";
 // The transport's default bound on unwritten messages; the plain publisher
 // keeps the same, so that both sides queue alike.
@@ -37,7 +39,7 @@ constexpr std::size_t g_max_outstanding = 4096;
 
 struct Config {
     double scale = 1.0;
-    std::size_t relay_count = 200000;
+    std::size_t relay_count = 100000;  // per turn: 5 turns of 4 publishers
     std::size_t latency_count = 20000;
     std::size_t latency_rate = 10000;
     std::size_t rttx_count = 100000;
@@ -45,13 +47,17 @@ struct Config {
     std::size_t profile_count = 20000;
     double idle_seconds = 10.0;
     double soak_seconds = 60.0;
-    int repeats = 3;
+    int repeats = 5;  // throughput turns per publisher and size
+    int latency_rounds = 5;
 
     void apply_scale();
 };
 
+// baseline is the plain publisher; relay the simplest relay (last, so that
+// rows without it leave it out).
 struct Row {
     std::string figure, ipcd, baseline, other, ratio, goal, result;
+    std::string relay{};
 };
 
 struct Report {
@@ -64,6 +70,8 @@ void progress(const std::string& text);  // to stderr, while the run goes
 std::string fmt(const char* format, double v);
 std::string met(bool ok);
 double median(std::vector<double> v);
+// "median (min..max)" of v, each printed with format.
+std::string spread(const std::vector<double>& v, const char* format = "%.0f");
 std::uint64_t mono_ns();
 double seconds_between(std::uint64_t from_ns, std::uint64_t to_ns);
 
@@ -71,8 +79,11 @@ double seconds_between(std::uint64_t from_ns, std::uint64_t to_ns);
 Bytes payload(std::size_t size, std::uint64_t seq, std::uint64_t sent_ns);
 // What ipcd publishes for such a record, framed the same way.
 Bytes framed_rt(const Bytes& data, std::uint64_t timestamp);
-// count records of id, numbered from 0, into ipcd's RX in writes of ~256 KiB.
-void write_records(Daemon& daemon, std::uint32_t id, std::size_t size, std::size_t count);
+// count records of id, numbered from 0, into a FIFO (ipcd's RX or the simplest
+// relay's) in writes of ~256 KiB.
+void write_records(int fd, std::uint32_t id, std::size_t size, std::size_t count);
+// One record into such a FIFO.
+void write_record(int fd, std::uint32_t id, const Bytes& data, std::uint64_t timestamp);
 
 // Counts the framed RT records it receives by number: unique, duplicated, and
 // (with latency) the time from the send time in the payload to receipt.
@@ -141,6 +152,26 @@ private:
     int m_connack = -1;
 };
 
+// The simplest relay (bench_simple_relay): reads records from a FIFO of its
+// own and publishes each on g_relay_topic, framed as ipcd frames them, with
+// libmosquitto's threaded loop. It runs under the counting allocator, as ipcd
+// does, so that both pay the same for it.
+class SimpleRelay {
+public:
+    explicit SimpleRelay(int port);
+    ~SimpleRelay();
+    SimpleRelay(const SimpleRelay&) = delete;
+    SimpleRelay& operator=(const SimpleRelay&) = delete;
+    int rx() const { return m_rx_fd; }
+    pid_t pid() const { return m_process->pid(); }
+    std::string alloc_counts() const { return m_dir.file("allocs"); }
+
+private:
+    TempDir m_dir;
+    std::unique_ptr<Process> m_process;
+    int m_rx_fd = -1;
+};
+
 // What a process has cost so far, all threads together.
 struct Costs {
     std::uint64_t cpu_ns = 0;        // the scheduler's run time (schedstat)
@@ -185,8 +216,9 @@ std::size_t vm_rss_bytes(pid_t pid);
 
 // The figures, each adding its rows and notes. The relay figures run on a
 // released ipcd; the others start their own.
-void relay(const Config& cfg, Report& report, int port, Daemon& daemon, pid_t broker);
-void latency(const Config& cfg, Report& report, int port, Daemon& daemon);
+void relay(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRelay& simple,
+           pid_t broker);
+void latency(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRelay& simple);
 void broker_to_rt(const Config& cfg, Report& report, int port, Daemon& daemon);
 void idle(const Config& cfg, Report& report, Daemon& daemon);
 void earlybird(const Config& cfg, Report& report, int port);

@@ -1,6 +1,7 @@
 // The benchmark's own parts: settings, table, records, the counting
-// subscriber and the plain publisher.
+// subscriber and the baselines.
 
+#include <fcntl.h>
 #include <mosquitto.h>
 #include <time.h>
 #include <unistd.h>
@@ -23,25 +24,25 @@ void Config::apply_scale() {
     profile_count = scaled(profile_count);
     idle_seconds = std::max(1.0, idle_seconds * scale);
     soak_seconds = std::max(2.0, soak_seconds * scale);
-    repeats = scale < 0.5 ? 1 : repeats;
 }
 
 void Report::print(double scale) const {
-    const Row head{"figure", "ipcd", "baseline", "mosquitto_pub", "ratio", "goal", "goal met?"};
+    const Row head{"figure", "ipcd", "plain publisher", "mosquitto_pub",
+                   "ratio",  "goal", "goal met?",       "simplest relay"};
     auto cells = [](const Row& r) {
-        return std::vector<const std::string*>{&r.figure, &r.ipcd, &r.baseline, &r.other,
-                                               &r.ratio,  &r.goal, &r.result};
+        return std::vector<const std::string*>{&r.figure, &r.ipcd,  &r.relay, &r.baseline,
+                                               &r.other,  &r.ratio, &r.goal,  &r.result};
     };
-    std::vector<std::size_t> width(7, 0);
+    std::vector<std::size_t> width(8, 0);
     std::vector<Row> all{head};
     all.insert(all.end(), rows.begin(), rows.end());
     for (const auto& r : all) {
-        for (std::size_t i = 0; i < 7; ++i) {
+        for (std::size_t i = 0; i < 8; ++i) {
             width[i] = std::max(width[i], cells(r)[i]->size());
         }
     }
     auto line = [&](const Row& r) {
-        for (std::size_t i = 0; i < 7; ++i) {
+        for (std::size_t i = 0; i < 8; ++i) {
             std::printf(i == 0 ? "%-*s" : " | %*s", static_cast<int>(width[i]),
                         cells(r)[i]->c_str());
         }
@@ -83,6 +84,14 @@ double median(std::vector<double> v) {
     }
     std::sort(v.begin(), v.end());
     return v[v.size() / 2];
+}
+
+std::string spread(const std::vector<double>& v, const char* format) {
+    if (v.empty()) {
+        return "";
+    }
+    const auto [lo, hi] = std::minmax_element(v.begin(), v.end());
+    return fmt(format, median(v)) + " (" + fmt(format, *lo) + ".." + fmt(format, *hi) + ")";
 }
 
 std::uint64_t mono_ns() {
@@ -130,8 +139,22 @@ Bytes framed_rt(const Bytes& data, std::uint64_t timestamp) {
     return framed(body);
 }
 
-void write_records(Daemon& daemon, std::uint32_t id, std::size_t size, std::size_t count) {
-    const std::size_t batch = std::max<std::size_t>(16, (256 * 1024) / (size + 24));
+namespace {
+
+void write_all(int fd, const Bytes& bytes) {
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n <= 0) {
+            throw std::runtime_error("cannot write into the RX FIFO");
+        }
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+}  // namespace
+
+void write_records(int fd, std::uint32_t id, std::size_t size, std::size_t count) {
+    const std::size_t batch = std::max<std::size_t>(16, std::size_t{256} * 1024 / (size + 24));
     Bytes encoded;
     Bytes buffer;
     for (std::size_t i = 0; i < count;) {
@@ -140,14 +163,14 @@ void write_records(Daemon& daemon, std::uint32_t id, std::size_t size, std::size
             ecu::kora::ipc::encode_record({id, 0, i, payload(size, i, 0)}, encoded);
             buffer.insert(buffer.end(), encoded.begin(), encoded.end());
         }
-        for (std::size_t done = 0; done < buffer.size();) {
-            const ssize_t n = ::write(daemon.rx(), buffer.data() + done, buffer.size() - done);
-            if (n <= 0) {
-                throw std::runtime_error("cannot write into the RX FIFO");
-            }
-            done += static_cast<std::size_t>(n);
-        }
+        write_all(fd, buffer);
     }
+}
+
+void write_record(int fd, std::uint32_t id, const Bytes& data, std::uint64_t timestamp) {
+    Bytes encoded;
+    ecu::kora::ipc::encode_record({id, 0, timestamp, data}, encoded);
+    write_all(fd, encoded);
 }
 
 void Tally::message(const std::string&, const ecu::kora::com::Message& msg) {
@@ -295,6 +318,35 @@ void PlainPublisher::publish(const std::string& topic, const Bytes& payload) {
 void PlainPublisher::drain() {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_cv.wait_for(lock, 30s, [this] { return m_outstanding == 0; });
+}
+
+SimpleRelay::SimpleRelay(int port) {
+#ifdef BENCH_SIMPLE_RELAY
+    const std::string fifo = m_dir.fifo("rx");
+    m_process = std::make_unique<Process>(
+        std::vector<std::string>{BENCH_SIMPLE_RELAY, fifo, std::to_string(port), g_relay_topic},
+        alloc_env(alloc_counts()));
+    // It opens the FIFO once connected; the open here waits for that.
+    if (!m_process->wait_out("ready")) {
+        throw std::runtime_error("the simplest relay does not start: " + m_process->err());
+    }
+    m_rx_fd = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    if (m_rx_fd < 0) {
+        throw std::runtime_error("cannot open the simplest relay's FIFO");
+    }
+#else
+    (void)port;
+    throw std::runtime_error("the simplest relay was not built");
+#endif
+}
+
+SimpleRelay::~SimpleRelay() {
+    if (m_rx_fd >= 0) {
+        close(m_rx_fd);  // it writes what it holds and ends
+    }
+    if (m_process) {
+        m_process->wait(10s);
+    }
 }
 
 }  // namespace bench

@@ -20,7 +20,7 @@ void earlybird(const Config& cfg, Report& report, int port) {
     }
     std::this_thread::sleep_for(300ms);
     const std::size_t rss_before = vm_rss_bytes(daemon.process().pid());
-    write_records(daemon, g_data_id, 64, count);
+    write_records(daemon.rx(), g_data_id, 64, count);
     daemon.write_record(g_marker_id, payload(16, 0, 0));
     if (!wait_until([&] { return marker.tally->lost() == 0; }, 300s)) {
         throw std::runtime_error("the earlybird marker never arrived");

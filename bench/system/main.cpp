@@ -5,9 +5,9 @@
 //
 //   system_bench [--quick] [--scale=X]      (or BENCH_SCALE=X)
 //
-// --quick is --scale=0.05. Counts and periods shrink with the scale; below
-// 0.5 each relay publisher runs once instead of three times. BENCH_IPCD=path
-// measures another ipcd binary (an older build, for a before/after table).
+// --quick is --scale=0.05. Counts and periods shrink with the scale; the
+// turns and rounds do not. BENCH_IPCD=path measures another ipcd binary (an
+// older build, for a before/after table).
 
 #include <mosquitto.h>
 #include <signal.h>
@@ -29,9 +29,11 @@ int run_all(const Config& cfg) {
         Daemon daemon(port);
         daemon.start({}, alloc_env(daemon.dir().file("allocs")));
         release(daemon, port);
+        progress("starting the simplest relay");
+        SimpleRelay simple(port);
         idle(cfg, report, daemon);
-        relay(cfg, report, port, daemon, broker.pid());
-        latency(cfg, report, port, daemon);
+        relay(cfg, report, port, daemon, simple, broker.pid());
+        latency(cfg, report, port, daemon, simple);
         broker_to_rt(cfg, report, port, daemon);
         const auto status = daemon.stop();
         report.notes.push_back("ipcd exit status after the relay runs: " +
@@ -44,21 +46,31 @@ int run_all(const Config& cfg) {
     stop(cfg, report);
     report.print(cfg.scale);
     std::printf(
-        "  RT->broker: %zu records per size and turn into RX in ~256 KiB writes; rate = unique\n"
-        "    messages a subscriber got / (first write .. last receipt), median of the turns;\n"
-        "    baseline = plain libmosquitto publisher (threaded, QoS 0, at most %zu unwritten,\n"
-        "    same frames); mosquitto_pub = mosquitto_pub -l fed one text line per record.\n"
-        "    CPU: all of ipcd's threads (schedstat); instructions: perf counters, user space;\n"
-        "    allocations: a counting allocator preloaded into ipcd.\n"
-        "  latency: %zu records of 64 B at %zu/s, RX write (or publish) -> subscriber receipt;\n"
-        "    added by ipcd = ipcd's p50 - the plain publisher's.\n"
+        "  baselines, in the same run on the same broker: the plain publisher = libmosquitto\n"
+        "    in threaded mode publishing the same frames itself (QoS 0, TCP_NODELAY, at most\n"
+        "    %zu unwritten), no device in between; the simplest relay = a small program that\n"
+        "    reads records from a FIFO as ipcd does, frames each as ipcd does and publishes it\n"
+        "    the same way (mosquitto_loop_start): what any relay on this machine costs.\n"
+        "    Cells of rounds and turns: median (min..max).\n"
+        "  RT->broker: %zu records per size and turn into RX in ~256 KiB writes, %d turns,\n"
+        "    ipcd, simplest relay, plain, mosquitto_pub in turn; rate = unique messages a\n"
+        "    subscriber got / (first write .. last receipt); ratio = medians, ipcd / plain.\n"
+        "    mosquitto_pub = mosquitto_pub -l fed one text line per record.\n"
+        "    CPU: all threads of ipcd / of the simplest relay over the same turns (schedstat);\n"
+        "    instructions: perf counters, user space; allocations: a counting allocator\n"
+        "    preloaded into both.\n"
+        "  latency: %zu records of 64 B at %zu/s, RX write (or publish) -> subscriber receipt,\n"
+        "    %d rounds of ipcd, simplest relay, plain in turn; added by ipcd = ipcd's p50 - the\n"
+        "    plain publisher's (or the simplest relay's) in the same round, median of rounds;\n"
+        "    in its column, what the simplest relay itself adds over the plain publisher.\n"
         "  broker->RT: %zu framed SignalGroupData on %s from a bounded QoS 0 publisher;\n"
         "    ipcd = records out of TX per second, baseline = a plain subscriber of the same.\n"
         "  idle: %.0f s, all threads' schedstat run time. soak: %.0f s.\n"
         "  outside libmosquitto: goal half of the 2439 instructions per record measured the\n"
         "    same way before the per-record work was cut.\n",
-        cfg.relay_count, g_max_outstanding, cfg.latency_count, cfg.latency_rate, cfg.rttx_count,
-        g_rttx_topic.c_str(), cfg.idle_seconds, cfg.soak_seconds);
+        g_max_outstanding, cfg.relay_count, cfg.repeats, cfg.latency_count, cfg.latency_rate,
+        cfg.latency_rounds, cfg.rttx_count, g_rttx_topic.c_str(), cfg.idle_seconds,
+        cfg.soak_seconds);
     return 0;
 }
 

@@ -33,7 +33,7 @@ void profile(const Config& cfg, Report& report, int port) {
     const std::string pid = std::to_string(daemon.process().pid());
     run({"/usr/bin/callgrind_control", "-i", "on", pid});
     Subscriber sub(port, g_data_topic, count);
-    write_records(daemon, g_data_id, 64, count);
+    write_records(daemon.rx(), g_data_id, 64, count);
     sub.tally->wait();
     run({"/usr/bin/callgrind_control", "-i", "off", pid});
     daemon.stop();
