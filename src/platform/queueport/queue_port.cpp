@@ -178,16 +178,33 @@ void QueuePortReader<Depth, Record>::read_loop() {
         t.due = start + t.period;
     }
 
+    // A stretch of damage is reported once, when the record after it
+    // completes (or the device ends), however many reads it spans; one whose
+    // line was written already (a record given up) is only counted.
+    const auto settle_damage = [&] {
+        if (damage > 0) {
+            if (explained) {
+                m_consumer.resynchronised(damage);
+            } else {
+                report_damage(m_path, damage, m_consumer);
+            }
+        }
+        damage = 0;
+        explained = false;
+    };
+
     while (!ended && !stop_requested.load()) {
-        int timeout = run_timers(partial_deadline);
         // Slots: the port (unless what it feeds is full), the stop, the source's.
         constexpr std::size_t max_slots = 6;
         pollfd pfd[max_slots] = {{m_fd, POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
         std::size_t slots = 2;
+        if (m_source != nullptr && !m_source->accepts_more()) {
+            pfd[0].fd = -1;  // poll ignores it: the RT side waits
+            // Bytes that wait in the device unread are not late.
+            partial_deadline = Clock::time_point::max();
+        }
+        int timeout = run_timers(partial_deadline);
         if (m_source != nullptr) {
-            if (!m_source->accepts_more()) {
-                pfd[0].fd = -1;  // poll ignores it: the RT side waits
-            }
             slots += m_source->fill(pfd + 2, max_slots - 2);
             const auto due = m_source->due();
             if (due != Clock::time_point::max()) {
@@ -257,8 +274,6 @@ void QueuePortReader<Depth, Record>::read_loop() {
             }
         }
 
-        // A stretch of damage is reported once, when the record after it
-        // completes (or the device ends), however many reads it spans.
         std::size_t delivered = 0;
         bool stopped = false;
         for (;;) {
@@ -267,15 +282,7 @@ void QueuePortReader<Depth, Record>::read_loop() {
             if (!got) {
                 break;
             }
-            if (damage > 0) {
-                if (explained) {
-                    m_consumer.resynchronised(damage);
-                } else {
-                    report_damage(m_path, damage, m_consumer);
-                }
-                damage = 0;
-                explained = false;
-            }
+            settle_damage();
             m_consumer.consume(record);
             if (++delivered % Depth == 0 && stop_requested.load()) {
                 stopped = true;
@@ -291,12 +298,8 @@ void QueuePortReader<Depth, Record>::read_loop() {
             partial_deadline = Clock::now() + partial_record_wait;
         }
     }
-    if (ended && damage > 0) {
-        if (explained) {
-            m_consumer.resynchronised(damage);
-        } else {
-            report_damage(m_path, damage, m_consumer);
-        }
+    if (ended) {
+        settle_damage();
     }
     m_consumer.finished();
 }

@@ -96,9 +96,9 @@ PublishLink::Clock::time_point PublishLink::due() const {
         case State::down:
             return m_retry_at;
         case State::up:
-            if (m_settings.keepalive > 0) {
-                return std::min(m_deadline,
-                                m_last_sent + std::chrono::seconds(m_settings.keepalive));
+            // A ping on its way: its answer is due; else the next ping.
+            if (m_settings.keepalive > 0 && m_deadline == Clock::time_point::max()) {
+                return m_last_sent + std::chrono::seconds(m_settings.keepalive);
             }
             return m_deadline;
         default:
