@@ -111,22 +111,21 @@ TEST(Fault, LostTxPortStopsTheServiceStackAndEnds) {
         chmod(daemon.dir().write("systemctl", "#!/bin/sh\necho \"$@\" >> " + calls + "\n").c_str(),
               0755);
         daemon.start({}, {"PATH=" + daemon.dir().path() + ":" + std::getenv("PATH")});
-        auto speed = watch(broker.port(), {"rt/vehicle/speed"});
+        const std::string send = "rttx/hmi/climate_request";
         int filler = -1;
         if (stalled) {
+            auto speed = watch(broker.port(), {"rt/vehicle/speed"});
             filler = ::open(daemon.dir().file("tx").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
             const Bytes junk(65536, 0);
             while (::write(filler, junk.data(), junk.size()) > 0) {
             }
+            EXPECT_EQ(ctl(broker.port(), {"send", send, "fan_level=1"}).status, 0);
+            daemon.write_record(20, {1, 0, 1}, 77);
+            EXPECT_TRUE(speed->wait_out("rt/vehicle/speed"));
+            EXPECT_EQ(daemon.process().out().find("TX queue port is gone"), std::string::npos);
         } else {
             daemon.close_tx();
-        }
-        EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status,
-                  0);
-        daemon.write_record(20, {1, 0, 1}, 77);
-        EXPECT_TRUE(speed->wait_out("rt/vehicle/speed"));
-        if (stalled) {
-            EXPECT_EQ(daemon.process().out().find("TX queue port is gone"), std::string::npos);
+            EXPECT_EQ(ctl(broker.port(), {"send", send, "fan_level=1"}).status, 0);
         }
         EXPECT_EQ(daemon.process().wait(), 0);
         EXPECT_NE(daemon.process().out().find("ALERT daemon: TX queue port is gone"),
