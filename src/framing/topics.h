@@ -35,4 +35,9 @@ inline std::string catalogue_topic(const std::string& rttx_topic) {
 inline const std::string time_sync = "rt/system/time_sync";
 inline const std::string frame_start = "rt/system/timestamp";
 
+// ipcd's own state for the fleet and for operators: a flat JSON object of
+// counters, and its health ("up", or "down" as its last will), both retained.
+inline const std::string stats = "system/ipc/stats";
+inline const std::string health = "system/ipc/health";
+
 }  // namespace ecu::kora::com::topics
