@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <regex>
+
 #include "harness.h"
 
 using namespace ipcd_test;
@@ -177,6 +179,85 @@ TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     EXPECT_TRUE(wait_until([&] { return daemon.notified("STOPPING=1") == 1; }));
     EXPECT_NE(daemon.process().out().find("Received SIGTERM, stopping"), std::string::npos);
     EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
+}
+
+// Behind the shipped ACL, everyone logged in: the flow works; what a client
+// application has no right to (another group, rttx/system/, the shutdown
+// state) is acknowledged by the broker but changes nothing on the RT side and
+// does not stop ipcd; its own rttx/ topic, and the platform's, reach it.
+TEST(Daemon, BehindTheShippedAcl) {
+    Broker broker(Shipped{});
+    const int port = broker.port();
+    Daemon daemon(port);
+    daemon.start({"-c", ipcd_login(daemon.dir())});
+    release(daemon, port, login("platform"));
+    auto as = [port](const std::string& identity, std::vector<std::string> args) {
+        const auto options = login(identity);
+        args.insert(args.begin(), options.begin(), options.end());
+        return ctl(port, args);
+    };
+    EXPECT_NE(as("hmi", {"status"}).out.find("requested_count=1"), std::string::npos);
+    auto battery = watch(port, {"--count", "1", "rt/vehicle/battery"}, login("hmi"));
+    daemon.write_record(23, {1, 2, 3, 4, 5, 6, 7, 8});
+    EXPECT_EQ(battery->wait(), 0) << battery->err();
+
+    for (const auto& refused :
+         std::vector<std::vector<std::string>>{{"send", "rttx/hmi/light_request", "hazard=1"},
+                                               {"send", "rttx/system/time_sync", "queue_size=1"},
+                                               {"state", "4"}}) {
+        EXPECT_EQ(as("hmi", refused).status, 0) << refused[1];
+    }
+    EXPECT_EQ(as("hmi", {"send", "rttx/hmi/climate_request", "fan_level=1"}).status, 0);
+    EXPECT_EQ(as("platform", {"send", "rttx/system/time_sync", "queue_size=1"}).status, 0);
+    const auto tx = daemon.tx_records(2);  // in order: a refused one would come first
+    ASSERT_EQ(tx.size(), 2U);
+    EXPECT_TRUE(tx[0].id == 30 && tx[1].id == 1) << tx[0].id << " " << tx[1].id;
+    EXPECT_TRUE(daemon.process().running());
+
+    const Outcome wrong = ctl(port, {"-u", "hmi", "-P", "Hunter2", "ping"});
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_NE(wrong.err.find("not authorised"), std::string::npos) << wrong.err;
+    EXPECT_EQ((wrong.out + wrong.err).find("Hunter2"), std::string::npos);
+}
+
+// ipcd-ctl stats and health: ipcd's retained JSON readable or as it is; a
+// health that says down, a payload that is no state, and nothing retained
+// (no ipcd) each end non-zero.
+TEST(Tools, StatsAndHealth) {
+    Broker broker;
+    Client peer(broker.port());
+    ASSERT_TRUE(peer->connect() && peer->start());
+    const std::string stats = R"({"version":"1.4.0","connected":true,"rt_to_broker":12,"new":3})";
+    const struct {
+        std::string payload;  // retained on the command's topic first; empty: none
+        std::vector<std::string> args;
+        int status;
+        std::string shown;  // a regular expression over standard output and error
+    } cases[] = {
+        {"", {"stats"}, 1, "nothing retained on system/ipc/stats"},
+        {"", {"health", "--json"}, 1, "nothing retained on system/ipc/health"},
+        {stats, {"stats"}, 0, R"(\(connected\) +yes\n[\s\S]*\(rt_to_broker\) +12\nnew +3\n)"},
+        {stats, {"stats", "--json"}, 0, R"(^\{"version":"1.4.0".*"new":3\}\n$)"},
+        {"[1]", {"stats"}, 1, "system/ipc/stats holds no stats object: \\[1\\]"},
+        {R"({"state":"up","version":"1.4.0","since_s":5})",
+         {"health"},
+         0,
+         "^ipcd is up version=1.4.0 since_s=5\n$"},
+        {R"({"state":"down"})", {"health", "--json"}, 3, R"(^\{"state":"down"\}\n$)"},
+    };
+    for (const auto& c : cases) {
+        if (!c.payload.empty()) {
+            ecu::kora::com::Message m;
+            m.payload.assign(c.payload.begin(), c.payload.end());
+            m.retained = true;
+            m.qos = 1;
+            peer->publish("system/ipc/" + c.args[0], m);
+            ASSERT_TRUE(wait_until([&] { return peer->pending() == 0; }));
+        }
+        const Outcome r = ctl(broker.port(), c.args);
+        EXPECT_EQ(r.status, c.status) << c.shown;
+        EXPECT_TRUE(std::regex_search(r.out + r.err, std::regex(c.shown))) << r.out << r.err;
+    }
 }
 
 }  // namespace

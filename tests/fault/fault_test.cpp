@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <iostream>
+#include <set>
+
 #include "frames.h"
 #include "harness.h"
 
@@ -102,6 +105,63 @@ TEST(Fault, LostTxPortStopsTheServiceStackAndEnds) {
     EXPECT_NE(daemon.process().out().find("ALERT daemon: TX queue port is gone"),
               std::string::npos);
     EXPECT_EQ(read_file(calls), "stop norvex\n");
+}
+
+// The shipped fleet bridge: what ipcd relays while the fleet broker is down
+// for seconds arrives there once it is back, in order, none lost. QoS 1 may
+// deliver some twice; they are counted.
+TEST(Fault, FleetBridgeDeliversWhatAnOutageHeldBack) {
+    Broker fleet({}, true);  // its sessions survive its restart
+    Broker local(Shipped{fleet.port()});
+    // A fleet subscriber with a persistent session, once a marker reaches it.
+    Process upstream({"/usr/bin/mosquitto_sub", "-h", "127.0.0.1", "-p",
+                      std::to_string(fleet.port()), "-q", "1", "-c", "-i", "fleet", "-t",
+                      "vehicles/+/rt/#", "-F", "%t %x"});
+    Client marker(fleet.port());
+    ASSERT_TRUE(marker->connect() && marker->start());
+    auto ping = message(Bytes{1});
+    ASSERT_TRUE(wait_until([&] {
+        marker->publish("vehicles/marker/rt/ready", ping);
+        return upstream.out().find("vehicles/marker/") != std::string::npos;
+    }));
+    Daemon daemon(local.port());
+    daemon.start({"-c", ipcd_login(daemon.dir())});
+    release(daemon, local.port(), login("platform"));
+    const unsigned count = 6000;
+    auto sim = generate(daemon, g_battery, 500, count);
+    ASSERT_TRUE(wait_until([&] { return generated(*sim) >= 1000; }));
+    fleet.stop();
+    ASSERT_TRUE(wait_until([&] { return generated(*sim) >= 3500; }));  // 5 s down
+    fleet.start();
+
+    // The frame header's time stamp of each arrival: its record's, which rise.
+    std::vector<std::uint64_t> stamps;
+    auto arrived = [&] {
+        stamps.clear();
+        std::istringstream lines(upstream.out());
+        for (std::string line; std::getline(lines, line) && !lines.eof();) {
+            if (line.find("/rt/vehicle/battery ") != std::string::npos) {
+                const std::string hex = line.substr(line.find(' ') + 1);
+                std::uint64_t stamp = 0;
+                for (int i = 7; i >= 0; --i) {
+                    stamp = stamp << 8U | std::stoull(hex.substr(20 + 2 * i, 2), nullptr, 16);
+                }
+                stamps.push_back(stamp);
+            }
+        }
+        return std::set<std::uint64_t>(stamps.begin(), stamps.end()).size();
+    };
+    ASSERT_TRUE(wait_until([&] { return arrived() == count; }, 120s)) << arrived();
+    std::vector<std::uint64_t> first;  // in order of first arrival
+    for (std::uint64_t s : stamps) {
+        if (std::find(first.begin(), first.end(), s) == first.end()) {
+            first.push_back(s);
+        }
+    }
+    EXPECT_TRUE(std::is_sorted(first.begin(), first.end()));
+    std::cout << "fleet bridge: " << count << " records, none lost, " << stamps.size() - count
+              << " duplicates\n";
+    RecordProperty("duplicates", static_cast<int>(stamps.size() - count));
 }
 
 }  // namespace
