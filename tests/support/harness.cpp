@@ -189,7 +189,6 @@ Broker::Broker(Shipped shipped) : m_port(free_port()) {
         {"listener", "listener " + std::to_string(m_port) + " 127.0.0.1"},
         {"password_file", "password_file " + m_dir.file("passwd")},
         {"acl_file", "acl_file " + m_dir.file("acl")},
-        {"persistence_location", "persistence_location " + m_dir.file("store/")},
         {"address", "address 127.0.0.1:" + std::to_string(shipped.upstream_port)},
         {"bridge_cafile", ""},
         {"bridge_certfile", ""},
@@ -203,7 +202,8 @@ Broker::Broker(Shipped shipped) : m_port(free_port()) {
             config += (found != lines_for.end() ? found->second : line) + "\n";
         }
     }
-    m_dir.write("mosquitto.conf", config + "log_dest stderr\n");
+    m_dir.write("mosquitto.conf",
+                config + "persistence_location " + m_dir.file("store/") + "\nlog_dest stderr\n");
     m_dir.write("acl", read_file(dist + "acl"));
     m_dir.write("passwd", read_file(dist + "passwd"));
     for (const char* identity : {"ipcd", "platform", "hmi"}) {
