@@ -132,16 +132,26 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
     EXPECT_NE(sim.out().find("ipcd closed RX"), std::string::npos);
 }
 
-// Over TLS with a login (the tools use the plain listener), one message
-// pending at most. Watchdog pings come while the reader goes round and stop
-// while it is stuck in a record the paused broker does not take. SIGTERM
-// mid-stream: what was read reaches the broker with no gap, then the end of
-// data; the service manager hears STOPPING=1; status 0.
+// Over TLS with a login (the tools use the plain listener; they reach the
+// TLS ones with the same settings as flags), one message pending at most. Watchdog pings come while
+// the reader goes round and stop while it is stuck in a record the paused broker does not take.
+// SIGTERM mid-stream: what was read reaches the broker with no gap, then the end of data; the
+// service manager hears STOPPING=1; status 0.
 TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     TlsFiles tls;
     const int login = free_port();
-    Broker broker(tls.listener(login));
+    const int cert = free_port();
+    Broker broker(tls.listener(login) + tls.listener(cert, false));
+    const std::string ca = tls.file("ca.crt");
     Daemon daemon(login);
+    EXPECT_EQ(ctl(login, {"--cafile", ca, "-u", "ipcd", "--password-file",
+                          daemon.dir().write("pw", "Hunter2\n"), "ping"})
+                  .status,
+              0);
+    EXPECT_EQ(ctl(cert, {"--cafile", ca, "--cert", tls.file("client.crt"), "--key",
+                         tls.file("client.key"), "ping"})
+                  .status,
+              0);
     daemon.start({"-c", daemon.dir().write("ipcd.conf", "tls_cafile=" + tls.file("ca.crt") +
                                                             "\nusername=ipcd\npassword=Hunter2\n"
                                                             "max_pending=1\n")},
