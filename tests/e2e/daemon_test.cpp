@@ -133,17 +133,18 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
 }
 
 // Over TLS with a login (the tools use the plain listener; they reach the
-// TLS ones with the same settings as flags), one message pending at most. Watchdog pings come while
-// the reader goes round and stop while it is stuck in a record the paused broker does not take.
-// SIGTERM mid-stream: what was read reaches the broker with no gap, then the end of data; the
-// service manager hears STOPPING=1; status 0.
+// TLS ones with the same settings as flags), one message pending at most.
+// Watchdog pings come while the reader goes round and stop while it is stuck
+// in a record the paused broker does not take. SIGTERM mid-stream: what was
+// read reaches the broker with no gap, then the end of data; the service
+// manager hears STOPPING=1; status 0.
 TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     TlsFiles tls;
     const int login = free_port();
     const int cert = free_port();
     Broker broker(tls.listener(login) + tls.listener(cert, false));
     const std::string ca = tls.file("ca.crt");
-    Daemon daemon(login);
+    Daemon daemon(login);  // its directory holds the password file
     EXPECT_EQ(ctl(login, {"--cafile", ca, "-u", "ipcd", "--password-file",
                           daemon.dir().write("pw", "Hunter2\n"), "ping"})
                   .status,
