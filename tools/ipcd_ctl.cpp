@@ -175,8 +175,12 @@ int connect(const Options& o, Connection& c, const std::vector<std::string>& top
             c.config->values()[key] = *value;
         }
     }
+    const char* env_password = std::getenv("IPCD_PASSWORD");
     if (o.password) {
         c.config->values()["password"] = *o.password;
+    } else if (env_password != nullptr && !c.config->get("username").empty()) {
+        // Only with a login to go with it: an anonymous broker stays reachable.
+        c.config->values()["password"] = env_password;
     }
     // Never ipcd's own client id: the broker would close ipcd's session.
     c.config->values()["client_name"] = "ipcd-ctl-" + std::to_string(getpid());
@@ -505,9 +509,6 @@ int run(int argc, char** argv) {
                 return usage_error(std::string("unknown or incomplete option '") +
                                    argv[optind - 1] + "'");
         }
-    }
-    if (const char* env = std::getenv("IPCD_PASSWORD"); env != nullptr && !o.password) {
-        o.password = env;
     }
     route_logging(o.verbose);
     if (optind >= argc) {
