@@ -143,16 +143,7 @@ TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     const int login = free_port();
     const int cert = free_port();
     Broker broker(tls.listener(login) + tls.listener(cert, false));
-    const std::string ca = tls.file("ca.crt");
-    Daemon daemon(login);  // its directory holds the password file
-    EXPECT_EQ(ctl(login, {"--cafile", ca, "-u", "ipcd", "--password-file",
-                          daemon.dir().write("pw", "Hunter2\n"), "ping"})
-                  .status,
-              0);
-    EXPECT_EQ(ctl(cert, {"--cafile", ca, "--cert", tls.file("client.crt"), "--key",
-                         tls.file("client.key"), "ping"})
-                  .status,
-              0);
+    Daemon daemon(login);
     daemon.start({"-c", daemon.dir().write("ipcd.conf", "tls_cafile=" + tls.file("ca.crt") +
                                                             "\nusername=ipcd\npassword=Hunter2\n"
                                                             "max_pending=1\n")},
@@ -190,6 +181,16 @@ TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
     EXPECT_TRUE(wait_until([&] { return daemon.notified("STOPPING=1") == 1; }));
     EXPECT_NE(daemon.process().out().find("Received SIGTERM, stopping"), std::string::npos);
     EXPECT_EQ(daemon.process().out().find("Hunter2"), std::string::npos);
+
+    const std::string ca = tls.file("ca.crt");
+    EXPECT_EQ(ctl(login, {"--cafile", ca, "-u", "ipcd", "--password-file",
+                          daemon.dir().write("pw", "Hunter2\n"), "ping"})
+                  .status,
+              0);
+    EXPECT_EQ(ctl(cert, {"--cafile", ca, "--cert", tls.file("client.crt"), "--key",
+                         tls.file("client.key"), "ping"})
+                  .status,
+              0);
 }
 
 // Behind the shipped ACL, everyone logged in: the flow works; what a client
