@@ -203,12 +203,7 @@ TEST(Daemon, BehindTheShippedAcl) {
     Daemon daemon(port);
     daemon.start({"-c", ipcd_login(daemon.dir())});
     release(daemon, port, login("platform"));
-    auto as = [port](const std::string& identity, std::vector<std::string> args) {
-        const auto options = login(identity);
-        args.insert(args.begin(), options.begin(), options.end());
-        return ctl(port, args);
-    };
-    EXPECT_NE(as("hmi", {"status"}).out.find("requested_count=1"), std::string::npos);
+    EXPECT_NE(ctl(port, {"status"}, login("hmi")).out.find("requested_count=1"), std::string::npos);
     auto battery = watch(port, {"--count", "1", "rt/vehicle/battery"}, login("hmi"));
     daemon.write_record(23, {1, 2, 3, 4, 5, 6, 7, 8});
     EXPECT_EQ(battery->wait(), 0) << battery->err();
@@ -217,10 +212,12 @@ TEST(Daemon, BehindTheShippedAcl) {
          std::vector<std::vector<std::string>>{{"send", "rttx/hmi/light_request", "hazard=1"},
                                                {"send", "rttx/system/time_sync", "queue_size=1"},
                                                {"state", "4"}}) {
-        EXPECT_EQ(as("hmi", refused).status, 0) << refused[1];
+        EXPECT_EQ(ctl(port, refused, login("hmi")).status, 0) << refused[1];
     }
-    EXPECT_EQ(as("hmi", {"send", "rttx/hmi/climate_request", "fan_level=1"}).status, 0);
-    EXPECT_EQ(as("platform", {"send", "rttx/system/time_sync", "queue_size=1"}).status, 0);
+    EXPECT_EQ(ctl(port, {"send", "rttx/hmi/climate_request", "fan_level=1"}, login("hmi")).status,
+              0);
+    EXPECT_EQ(
+        ctl(port, {"send", "rttx/system/time_sync", "queue_size=1"}, login("platform")).status, 0);
     const auto tx = daemon.tx_records(2);  // in order: a refused one would come first
     ASSERT_EQ(tx.size(), 2U);
     EXPECT_TRUE(tx[0].id == 30 && tx[1].id == 1) << tx[0].id << " " << tx[1].id;

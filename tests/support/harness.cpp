@@ -91,7 +91,8 @@ Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>
     return {*p.wait(), p.out(), p.err()};
 }
 
-Outcome ctl(int port, std::vector<std::string> args) {
+Outcome ctl(int port, std::vector<std::string> args, const std::vector<std::string>& options) {
+    args.insert(args.begin(), options.begin(), options.end());
     args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
                                g_sample_catalogue});
     return run(args);
@@ -350,12 +351,8 @@ std::vector<ecu::kora::ipc::IpcSignal> Daemon::tx_records(std::size_t count) {
 }
 
 void release(Daemon& daemon, int port, const std::vector<std::string>& login) {
-    auto as = [&login](std::vector<std::string> args) {
-        args.insert(args.begin(), login.begin(), login.end());
-        return args;
-    };
-    if (ctl(port, as({"announce", "rt/vehicle/battery"})).status != 0 ||
-        ctl(port, as({"tpa", "--wait-for-target", "--target-reached"})).status != 0 ||
+    if (ctl(port, {"announce", "rt/vehicle/battery"}, login).status != 0 ||
+        ctl(port, {"tpa", "--wait-for-target", "--target-reached"}, login).status != 0 ||
         !daemon.process().wait_out("Earlybird message processing done.")) {
         throw std::runtime_error("ipcd did not release: " + daemon.process().out());
     }

@@ -56,7 +56,8 @@ struct Outcome {
     std::string err;
 };
 Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
-Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl, the sample catalogue
+// ipcd-ctl [options] args, the sample catalogue.
+Outcome ctl(int port, std::vector<std::string> args, const std::vector<std::string>& options = {});
 // ipcd-ctl [options] watch --json with args (options, then topics), once it watches.
 std::unique_ptr<Process> watch(int port, std::vector<std::string> args,
                                const std::vector<std::string>& options = {});
