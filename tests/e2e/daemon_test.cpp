@@ -7,6 +7,7 @@
 
 #include <regex>
 
+#include "frames.h"
 #include "harness.h"
 
 using namespace ipcd_test;
@@ -237,6 +238,7 @@ TEST(Tools, StatsAndHealth) {
     Client peer(broker.port());
     ASSERT_TRUE(peer->connect() && peer->start());
     const std::string stats = R"({"version":"1.4.0","connected":true,"rt_to_broker":12,"new":3})";
+    const std::string up = R"({"state":"up","version":"1.4.0","since_s":5})";
     const struct {
         std::string payload;  // retained on the command's topic first; empty: none
         std::vector<std::string> args;
@@ -248,18 +250,12 @@ TEST(Tools, StatsAndHealth) {
         {stats, {"stats"}, 0, R"(\(connected\) +yes\n[\s\S]*\(rt_to_broker\) +12\nnew +3\n)"},
         {stats, {"stats", "--json"}, 0, R"(^\{"version":"1.4.0".*"new":3\}\n$)"},
         {"[1]", {"stats"}, 1, "system/ipc/stats holds no stats object: \\[1\\]"},
-        {R"({"state":"up","version":"1.4.0","since_s":5})",
-         {"health"},
-         0,
-         "^ipcd is up version=1.4.0 since_s=5\n$"},
+        {up, {"health"}, 0, "^ipcd is up version=1.4.0 since_s=5\n$"},
         {R"({"state":"down"})", {"health", "--json"}, 3, R"(^\{"state":"down"\}\n$)"},
     };
     for (const auto& c : cases) {
         if (!c.payload.empty()) {
-            ecu::kora::com::Message m;
-            m.payload.assign(c.payload.begin(), c.payload.end());
-            m.retained = true;
-            m.qos = 1;
+            auto m = message(c.payload, 1, true);
             peer->publish("system/ipc/" + c.args[0], m);
             ASSERT_TRUE(wait_until([&] { return peer->pending() == 0; }));
         }
