@@ -32,6 +32,11 @@ test: build
 demo: build
 	@bash scripts/demo $(BUILD)
 
+# The vehicle-to-fleet path: shipped broker ACL and bridge, a 10 s uplink outage.
+.PHONY: demo-fleet
+demo-fleet: build
+	@bash scripts/demo-fleet $(BUILD)
+
 bench: deps
 	@IPCD_DEPS_BENCH=1 bash scripts/install-deps
 	cmake -S . -B $(BUILD)-bench -G "$(GENERATOR)" -DCMAKE_BUILD_TYPE=Release -DIPCD_BENCH=ON -DBUILD_TESTING=OFF

@@ -25,6 +25,11 @@ install(FILES dist/rt_catalogue.json DESTINATION ${IPCD_SYSCONFDIR})
 file(GLOB _ipcd_protos ${PROJECT_SOURCE_DIR}/proto/*.proto)
 install(FILES ${_ipcd_protos} DESTINATION ${CMAKE_INSTALL_DATADIR}/ipcd/proto)
 
+# The locked-down local broker and its fleet bridge (mosquitto): examples for
+# the integrator to copy, never activated by the package (see the README).
+file(GLOB _ipcd_broker_files ${PROJECT_SOURCE_DIR}/dist/broker/*)
+install(FILES ${_ipcd_broker_files} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/broker)
+
 # The unit's start-up steps (broker probe, queue-port access).
 install(PROGRAMS dist/ipcd-prestart DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/ipcd)
 

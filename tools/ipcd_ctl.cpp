@@ -7,6 +7,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,10 +53,21 @@ constexpr const char* g_usage =
     "                       ipcd's configuration file, e.g. /etc/kirn/ipcd.conf\n"
     "  -H, --host HOST      broker host (default localhost); overrides the file\n"
     "  -p, --port PORT      broker port (default 1883); overrides the file\n"
+    "  -u, --username USER  broker login; overrides the file\n"
+    "  -P, --password PASS  its password; others may see it until ipcd-ctl has\n"
+    "                       started, so prefer:\n"
+    "  --password-file FILE the password is the file's first line; without -P or\n"
+    "                       this: $IPCD_PASSWORD when there is a user name, else\n"
+    "                       the configuration file's\n"
+    "  --cafile FILE        TLS to the broker, trusting this CA; overrides the file\n"
+    "  --cert FILE, --key FILE\n"
+    "                       client certificate and key for TLS; override the file\n"
     "  --catalogue FILE     signal catalogue (default $KIRN_RT_CATALOGUE, else\n"
     "                       /etc/kirn/rt_catalogue.json)\n"
-    "  --timeout SECONDS    how long to wait: for acknowledgements (default 5), for\n"
-    "                       the status (default 2), for watch (default: no limit)\n"
+    "  -W, --timeout SECONDS\n"
+    "                       how long to wait: for acknowledgements (default 5), for\n"
+    "                       status, stats and health (default 2), for watch (default:\n"
+    "                       no limit)\n"
     "  -v, --verbose        also print the transport's log lines\n"
     "  -h, --help           this text\n"
     "\n"
@@ -68,11 +81,15 @@ constexpr const char* g_usage =
     "  watch [--json] [--count N] [TOPIC...]\n"
     "                                     print messages decoded (default topic #)\n"
     "  status [--json]                    print the subscription status ipcd keeps\n"
+    "  stats [--json]                     print ipcd's statistics (system/ipc/stats)\n"
+    "  health [--json]                    print ipcd's health (system/ipc/health);\n"
+    "                                     exit status 3 when it says down\n"
     "  ping                               succeed when the broker accepts a connection\n"
     "                                     (what ipcd's service unit waits for)\n"
     "\n"
     "Publishing commands return once the broker has acknowledged the message.\n"
-    "Exit status: 0 done, 1 broker or timeout failure, 2 bad arguments.\n";
+    "Exit status: 0 done, 1 broker or timeout failure or nothing retained, 2 bad\n"
+    "arguments, 3 ipcd down (health).\n";
 
 constexpr int g_bad_input = 2;
 
@@ -80,6 +97,12 @@ struct Options {
     std::string config_file;
     std::string host;  // empty: the file's, else the default
     std::string port;
+    // Empty: the file's, else none. The password is never printed.
+    std::string username;
+    std::optional<std::string> password;
+    std::string cafile;
+    std::string cert;
+    std::string key;
     std::string catalogue;
     double timeout = -1;  // command default
     bool verbose = false;
@@ -144,6 +167,21 @@ int connect(const Options& o, Connection& c, const std::vector<std::string>& top
     }
     if (!o.port.empty()) {
         c.config->values()["port"] = o.port;
+    }
+    for (const auto& [key, value] : {std::pair{"username", &o.username},
+                                     {"tls_cafile", &o.cafile},
+                                     {"tls_certfile", &o.cert},
+                                     {"tls_keyfile", &o.key}}) {
+        if (!value->empty()) {
+            c.config->values()[key] = *value;
+        }
+    }
+    const char* env_password = std::getenv("IPCD_PASSWORD");
+    if (o.password) {
+        c.config->values()["password"] = *o.password;
+    } else if (env_password != nullptr && !c.config->get("username").empty()) {
+        // Only with a login to go with it: an anonymous broker stays reachable.
+        c.config->values()["password"] = env_password;
     }
     // Never ipcd's own client id: the broker would close ipcd's session.
     c.config->values()["client_name"] = "ipcd-ctl-" + std::to_string(getpid());
@@ -281,27 +319,72 @@ int watch(const Options& o, const std::vector<std::string>& topics, bool json,
     return count != 0 && printed < count ? 1 : 0;
 }
 
-int status(const Options& o, bool json) {
+// The message retained on topic, if any. Once our own marker has come back,
+// every retained message of the topic has (the broker sends them when it
+// takes the subscription), so "none" is known then, or at the timeout.
+int retained(const Options& o, const std::string& topic, com::Message& out) {
     auto inbox = std::make_shared<Inbox>();
     Connection c;
-    if (const int rc = connect(o, c, {topics::subscription_status}, inbox); rc != 0) {
+    if (const int rc = connect(o, c, {topic}, inbox); rc != 0) {
         return rc;
     }
+    const std::string marker = marker_topic(c.client->client_name());
+    com::Message ping;
+    ping.qos = 1;
+    c.client->publish(marker, ping);
     const auto wait = std::chrono::duration<double>(o.timeout < 0 ? 2 : o.timeout);
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(wait);
     std::pair<std::string, com::Message> m;
+    int rc = 1;
     while (Clock::now() < deadline) {
-        if (inbox->next(m, std::chrono::milliseconds(50)) &&
-            m.first == topics::subscription_status) {
-            const Json j = decode(nullptr, m.first, m.second);
-            print_line(json ? j.dump() : text_line(j));
-            c.client->stop();
-            return 0;
+        if (!inbox->next(m, std::chrono::milliseconds(50))) {
+            continue;
+        }
+        if (m.first == topic && !m.second.payload.empty()) {
+            out = std::move(m.second);
+            rc = 0;
+            break;
+        }
+        if (m.first == marker) {
+            break;
         }
     }
     c.client->stop();
-    print_line("no subscription status");
-    return 1;
+    if (rc != 0) {
+        error_line("nothing retained on " + topic + " at broker " + broker_of(c) +
+                   " (is ipcd running there?)");
+    }
+    return rc;
+}
+
+int status(const Options& o, bool json) {
+    com::Message m;
+    if (const int rc = retained(o, topics::subscription_status, m); rc != 0) {
+        print_line("no subscription status");
+        return rc;
+    }
+    const Json j = decode(nullptr, topics::subscription_status, m);
+    print_line(json ? j.dump() : text_line(j));
+    return 0;
+}
+
+// stats and health: ipcd's own JSON, as it is or readable.
+int show_state(const Options& o, const std::string& command, bool json) {
+    const std::string& topic = command == "stats" ? topics::stats : topics::health;
+    com::Message m;
+    if (const int rc = retained(o, topic, m); rc != 0) {
+        return rc;
+    }
+    const std::string payload(m.payload.begin(), m.payload.end());
+    bool up = false;
+    const std::string text = command == "stats" ? stats_text(payload) : health_text(payload, up);
+    if (text.empty()) {
+        error_line(topic + " holds no " + command + " object: " + payload.substr(0, 200));
+        return 1;
+    }
+    std::fputs(json ? (payload + "\n").c_str() : (text + (command == "stats" ? "" : "\n")).c_str(),
+               stdout);
+    return command == "health" && !up ? 3 : 0;
 }
 
 int send(const Options& o, const std::string& topic, const std::vector<std::string>& pairs) {
@@ -346,16 +429,24 @@ int usage_error(const std::string& text) {
 
 int run(int argc, char** argv) {
     Options o;
-    static const option long_options[] = {{"config", required_argument, nullptr, 'c'},
-                                          {"host", required_argument, nullptr, 'H'},
-                                          {"port", required_argument, nullptr, 'p'},
-                                          {"catalogue", required_argument, nullptr, 'C'},
-                                          {"timeout", required_argument, nullptr, 't'},
-                                          {"verbose", no_argument, nullptr, 'v'},
-                                          {"help", no_argument, nullptr, 'h'},
-                                          {nullptr, 0, nullptr, 0}};
+    enum { catalogue = 1, password_file, cafile, cert, key };
+    static const option long_options[] = {
+        {"config", required_argument, nullptr, 'c'},
+        {"host", required_argument, nullptr, 'H'},
+        {"port", required_argument, nullptr, 'p'},
+        {"username", required_argument, nullptr, 'u'},
+        {"password", required_argument, nullptr, 'P'},
+        {"password-file", required_argument, nullptr, password_file},
+        {"cafile", required_argument, nullptr, cafile},
+        {"cert", required_argument, nullptr, cert},
+        {"key", required_argument, nullptr, key},
+        {"catalogue", required_argument, nullptr, catalogue},
+        {"timeout", required_argument, nullptr, 'W'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0}};
     opterr = 0;
-    for (int c; (c = getopt_long(argc, argv, "+c:H:p:vh", long_options, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, "+c:H:p:u:P:W:vh", long_options, nullptr)) != -1;) {
         switch (c) {
             case 'c':
                 o.config_file = optarg;
@@ -369,10 +460,39 @@ int run(int argc, char** argv) {
                 }
                 o.port = optarg;
                 break;
-            case 'C':
+            case 'u':
+                o.username = optarg;
+                break;
+            case 'P':
+                o.password = optarg;
+                // Not left readable in /proc/PID/cmdline for others on the machine.
+                std::fill(optarg, optarg + std::strlen(optarg), '*');
+                break;
+            case password_file: {
+                std::ifstream file(optarg);
+                std::string line;
+                if (!file || !std::getline(file, line)) {
+                    return usage_error(std::string("cannot read a password from '") + optarg + "'");
+                }
+                if (!line.empty() && line.back() == '\r') {
+                    line.pop_back();
+                }
+                o.password = line;
+                break;
+            }
+            case cafile:
+                o.cafile = optarg;
+                break;
+            case cert:
+                o.cert = optarg;
+                break;
+            case key:
+                o.key = optarg;
+                break;
+            case catalogue:
                 o.catalogue = optarg;
                 break;
-            case 't': {
+            case 'W': {
                 char* end = nullptr;
                 o.timeout = std::strtod(optarg, &end);
                 if (*optarg == '\0' || *end != '\0' || !(o.timeout >= 0) || o.timeout > 86400) {
@@ -451,7 +571,7 @@ int run(int argc, char** argv) {
         c.client->stop();
         return 0;
     }
-    if (command == "watch" || command == "status") {
+    if (command == "watch" || command == "status" || command == "stats" || command == "health") {
         bool json = false;
         std::uint64_t count = 0;
         std::vector<std::string> topics;
@@ -472,6 +592,9 @@ int run(int argc, char** argv) {
         }
         if (command == "status") {
             return status(o, json);
+        }
+        if (command != "watch") {
+            return show_state(o, command, json);
         }
         return watch(o, topics.empty() ? std::vector<std::string>{"#"} : topics, json, count);
     }

@@ -1,5 +1,7 @@
 #include "message_text.h"
 
+#include <algorithm>
+
 #include "cli_text.h"
 #include "message_adapter.h"
 #include "topics.h"
@@ -163,6 +165,71 @@ std::string text_line(const Json& j) {
                 out += " " + name + "=" + flat(v);
             }
         } else {
+            out += " " + key + "=" + flat(value);
+        }
+    }
+    return out;
+}
+
+namespace {
+// A payload that is a JSON object, else null.
+Json object_of(const std::string& payload) {
+    Json j = Json::parse(payload, nullptr, false);
+    return j.is_object() ? j : Json();
+}
+}  // namespace
+
+std::string stats_text(const std::string& payload) {
+    const Json j = object_of(payload);
+    if (j.is_null()) {
+        return {};
+    }
+    // What each key counts, in the order an operator reads them.
+    static const std::pair<const char*, const char*> known[] = {
+        {"version", "ipcd version"},
+        {"uptime_s", "seconds since start"},
+        {"connected", "connected to the broker"},
+        {"reconnects", "reconnections to the broker"},
+        {"rt_to_broker", "RT records relayed to the broker"},
+        {"broker_to_rt", "records written to TX"},
+        {"dropped_offline", "dropped: offline queue full"},
+        {"dropped_unrequested", "dropped: topic not requested"},
+        {"rx_damaged", "damaged RX records"},
+        {"unknown_ids", "RT ids not in the catalogue"},
+        {"rttx_refused", "rttx/ messages refused"},
+        {"earlybird_depth", "earlybird queue now"},
+        {"offline_depth", "offline queue now"},
+    };
+    std::string out;
+    auto line = [&out](const std::string& key, const std::string& what, const Json& value) {
+        std::string text = what.empty() ? key : what + " (" + key + ")";
+        text.resize(std::max<std::size_t>(text.size() + 1, 56), ' ');
+        out +=
+            text + (value.is_boolean() ? (value.get<bool>() ? "yes" : "no") : flat(value)) + "\n";
+    };
+    for (const auto& [key, what] : known) {
+        if (j.contains(key)) {
+            line(key, what, j[key]);
+        }
+    }
+    for (const auto& [key, value] : j.items()) {
+        if (std::none_of(std::begin(known), std::end(known),
+                         [&key = key](const auto& k) { return key == k.first; })) {
+            line(key, "", value);
+        }
+    }
+    return out;
+}
+
+std::string health_text(const std::string& payload, bool& up) {
+    const Json j = object_of(payload);
+    if (j.is_null() || !j.contains("state") || !j["state"].is_string()) {
+        return {};
+    }
+    up = j["state"] == "up";
+    std::string out = "ipcd is " + j["state"].get<std::string>();
+    for (const auto& [key, value] : j.items()) {
+        if (key != "state") {
             out += " " + key + "=" + flat(value);
         }
     }

@@ -23,4 +23,12 @@ std::string flat(const Json& value);
 // One line: topic, flags, header, body type and fields; signal values last.
 std::string text_line(const Json& decoded);
 
+// ipcd's statistics (a flat JSON object) as one line per key with what it
+// counts; keys this tool does not know are shown as they are. Empty when the
+// payload is not a JSON object.
+std::string stats_text(const std::string& payload);
+// ipcd's health ({"state":"up",...} or {"state":"down"}) as one line; empty
+// when the payload holds no state. up is true for "up".
+std::string health_text(const std::string& payload, bool& up);
+
 }  // namespace ipcd_tools

@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <iostream>
+#include <set>
+#include <utility>
+
 #include "frames.h"
 #include "harness.h"
 
@@ -175,6 +179,69 @@ TEST(Fault, StopIsPromptWhateverTheBrokerAndTheServiceManager) {
                   std::string::npos);
         broker.resume();
     }
+}
+
+// The shipped fleet bridge: what ipcd relays while the fleet broker is down
+// for seconds arrives there once it is back, in order, none lost. QoS 1 may
+// deliver some twice; they are counted.
+TEST(Fault, FleetBridgeDeliversWhatAnOutageHeldBack) {
+    Broker fleet({}, true);  // its sessions survive its restart
+    Broker local(Shipped{fleet.port()});
+    // The fleet's subscriber: a persistent session, made first (-E: leave once
+    // subscribed), which the fleet broker keeps and queues for while it is away.
+    std::vector<std::string> subscriber{"/usr/bin/mosquitto_sub",
+                                        "-h",
+                                        "127.0.0.1",
+                                        "-p",
+                                        std::to_string(fleet.port()),
+                                        "-q",
+                                        "1",
+                                        "-c",
+                                        "-i",
+                                        "fleet",
+                                        "-t",
+                                        "vehicles/+/rt/#",
+                                        "-F",
+                                        "%t %x",
+                                        "-E"};
+    ASSERT_EQ(run(subscriber).status, 0);
+    subscriber.pop_back();
+    Daemon daemon(local.port());
+    daemon.start({"-c", ipcd_login(daemon.dir())});
+    release(daemon, local.port(), login("platform"));
+    const unsigned count = 6000;
+    auto sim = generate(daemon, g_battery, 500, count);
+    ASSERT_TRUE(wait_until([&] { return generated(*sim) >= 1000; }));
+    fleet.stop();
+    ASSERT_TRUE(wait_until([&] { return generated(*sim) >= 3500; }));  // 5 s down
+    fleet.start();
+    Process upstream(subscriber);
+
+    // The frame header's time stamp of each arrival: its record's, which rise.
+    std::vector<std::uint64_t> stamps;
+    auto arrived = [&] {
+        stamps.clear();
+        std::istringstream lines(upstream.out());
+        for (std::string line; std::getline(lines, line) && !lines.eof();) {
+            if (line.find("/rt/vehicle/battery ") != std::string::npos) {
+                const std::string hex = line.substr(line.find(' ') + 1);
+                std::uint64_t stamp = 0;
+                for (int i = 7; i >= 0; --i) {
+                    stamp = stamp << 8U | std::stoull(hex.substr(20 + 2 * i, 2), nullptr, 16);
+                }
+                stamps.push_back(stamp);
+            }
+        }
+        return std::set<std::uint64_t>(stamps.begin(), stamps.end()).size();
+    };
+    ASSERT_TRUE(wait_until([&] { return arrived() == count; }, 120s)) << arrived();
+    std::set<std::uint64_t> seen;  // in order of first arrival
+    EXPECT_TRUE(std::all_of(stamps.begin(), stamps.end(), [&, last = 0UL](auto s) mutable {
+        return !seen.insert(s).second || std::exchange(last, s) < s;
+    }));
+    std::cout << "fleet bridge: " << count << " records, none lost, " << stamps.size() - count
+              << " duplicates\n";
+    RecordProperty("duplicates", static_cast<int>(stamps.size() - count));
 }
 
 }  // namespace

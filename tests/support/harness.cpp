@@ -92,14 +92,17 @@ Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>
     return {*p.wait(), p.out(), p.err()};
 }
 
-Outcome ctl(int port, std::vector<std::string> args) {
+Outcome ctl(int port, std::vector<std::string> args, const std::vector<std::string>& options) {
+    args.insert(args.begin(), options.begin(), options.end());
     args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
                                g_sample_catalogue});
     return run(args);
 }
 
-std::unique_ptr<Process> watch(int port, std::vector<std::string> args) {
+std::unique_ptr<Process> watch(int port, std::vector<std::string> args,
+                               const std::vector<std::string>& options) {
     args.insert(args.begin(), {"watch", "--json"});
+    args.insert(args.begin(), options.begin(), options.end());
     args.insert(args.begin(), {g_ctl, "-H", "127.0.0.1", "-p", std::to_string(port), "--catalogue",
                                g_sample_catalogue});
     auto p = std::make_unique<Process>(args);
@@ -109,6 +112,14 @@ std::unique_ptr<Process> watch(int port, std::vector<std::string> args) {
         throw std::runtime_error("ipcd-ctl does not watch: " + p->err());
     }
     return p;
+}
+
+std::vector<std::string> login(const std::string& identity) {
+    return {"-u", identity, "-P", identity + "-pw"};
+}
+
+std::string ipcd_login(const TempDir& dir) {
+    return dir.write("ipcd-login.conf", "username=ipcd\npassword=ipcd-pw\n");
 }
 
 std::vector<nlohmann::json> json_lines(const std::string& text) {
@@ -145,11 +156,64 @@ int free_port() {
     return ntohs(addr.sin_port);
 }
 
-Broker::Broker(std::string extra_config) : m_port(free_port()) {
+namespace {
+// mosquitto started as root reads and writes the broker's files as its own user.
+void open_to_broker(const TempDir& dir) {
+    namespace fs = std::filesystem;
+    fs::permissions(dir.path(), fs::perms::others_read | fs::perms::others_exec,
+                    fs::perm_options::add);
+    for (const auto& entry : fs::directory_iterator(dir.path())) {
+        fs::permissions(entry.path(),
+                        entry.is_directory() ? fs::perms::others_all : fs::perms::others_read,
+                        fs::perm_options::add);
+    }
+}
+}  // namespace
+
+Broker::Broker(std::string extra_config, bool persistent) : m_port(free_port()) {
+    if (persistent) {
+        std::filesystem::create_directory(m_dir.file("store"));
+        extra_config += "persistence true\npersistence_location " + m_dir.file("store/\n");
+        open_to_broker(m_dir);
+    }
     m_dir.write("mosquitto.conf",
                 "per_listener_settings true\npersistence false\nmax_queued_messages 0\n"
                 "set_tcp_nodelay true\nlog_dest stderr\nlog_type information\nlistener " +
                     std::to_string(m_port) + " 127.0.0.1\nallow_anonymous true\n" + extra_config);
+    start();
+}
+
+Broker::Broker(Shipped shipped) : m_port(free_port()) {
+    const std::string dist = IPCD_BROKER_EXAMPLES "/";
+    // The shipped lines that name the vehicle's ports and paths, as the test's;
+    // the test's fleet broker speaks plain MQTT (no bridge_*file lines).
+    const std::map<std::string, std::string> lines_for = {
+        {"listener", "listener " + std::to_string(m_port) + " 127.0.0.1"},
+        {"password_file", "password_file " + m_dir.file("passwd")},
+        {"acl_file", "acl_file " + m_dir.file("acl")},
+        {"address", "address 127.0.0.1:" + std::to_string(shipped.upstream_port)},
+        {"bridge_cafile", ""},
+        {"bridge_certfile", ""},
+        {"bridge_keyfile", ""}};
+    std::string config;
+    for (const std::string file : {"local.conf", "bridge.conf"}) {
+        std::istringstream lines(
+            file == "local.conf" || shipped.upstream_port != 0 ? read_file(dist + file) : "");
+        for (std::string line; std::getline(lines, line);) {
+            const auto found = lines_for.find(line.substr(0, line.find(' ')));
+            config += (found != lines_for.end() ? found->second : line) + "\n";
+        }
+    }
+    m_dir.write("mosquitto.conf",
+                config + "persistence_location " + m_dir.file("store/") + "\nlog_dest stderr\n");
+    m_dir.write("acl", read_file(dist + "acl"));
+    m_dir.write("passwd", read_file(dist + "passwd"));
+    for (const char* identity : {"ipcd", "platform", "hmi"}) {
+        run({"/usr/bin/mosquitto_passwd", "-b", m_dir.file("passwd"), identity,
+             identity + std::string("-pw")});
+    }
+    std::filesystem::create_directory(m_dir.file("store"));
+    open_to_broker(m_dir);
     start();
 }
 
@@ -192,13 +256,7 @@ TlsFiles::TlsFiles() {
                                         " -addext basicConstraints=CA:FALSE")});
     }
     must({"/usr/bin/mosquitto_passwd", "-c", "-b", file("passwords"), "ipcd", "Hunter2"});
-    // mosquitto started as root reads them as its own user.
-    namespace fs = std::filesystem;
-    fs::permissions(m_dir.path(), fs::perms::others_read | fs::perms::others_exec,
-                    fs::perm_options::add);
-    for (const auto& entry : fs::directory_iterator(m_dir.path())) {
-        fs::permissions(entry.path(), fs::perms::others_read, fs::perm_options::add);
-    }
+    open_to_broker(m_dir);
 }
 
 std::string TlsFiles::listener(int port, bool login, bool wrong_name) const {
@@ -325,9 +383,9 @@ std::vector<ecu::kora::ipc::IpcSignal> Daemon::tx_records(std::size_t count) {
     return m_tx_out;
 }
 
-void release(Daemon& daemon, int port) {
-    if (ctl(port, {"announce", "rt/vehicle/battery"}).status != 0 ||
-        ctl(port, {"tpa", "--wait-for-target", "--target-reached"}).status != 0 ||
+void release(Daemon& daemon, int port, const std::vector<std::string>& login) {
+    if (ctl(port, {"announce", "rt/vehicle/battery"}, login).status != 0 ||
+        ctl(port, {"tpa", "--wait-for-target", "--target-reached"}, login).status != 0 ||
         !daemon.process().wait_out("Earlybird message processing done.")) {
         throw std::runtime_error("ipcd did not release: " + daemon.process().out());
     }

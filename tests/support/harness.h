@@ -57,19 +57,34 @@ struct Outcome {
     std::string err;
 };
 Outcome run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
-Outcome ctl(int port, std::vector<std::string> args);  // ipcd-ctl, the sample catalogue
-// ipcd-ctl watch --json with args (options, then topics), once it watches.
-std::unique_ptr<Process> watch(int port, std::vector<std::string> args);
+// ipcd-ctl [options] args, the sample catalogue.
+Outcome ctl(int port, std::vector<std::string> args, const std::vector<std::string>& options = {});
+// ipcd-ctl [options] watch --json with args (options, then topics), once it watches.
+std::unique_ptr<Process> watch(int port, std::vector<std::string> args,
+                               const std::vector<std::string>& options = {});
+// ipcd-ctl's options that log in as an identity of the shipped broker.
+std::vector<std::string> login(const std::string& identity);
+// ipcd's configuration file in dir that logs it in with its identity there.
+std::string ipcd_login(const TempDir& dir);
 std::vector<nlohmann::json> json_lines(const std::string& text);  // one per whole line
 
 int free_port();  // on 127.0.0.1, bound and released
 
+// The shipped local broker (dist/broker) with the test's port and paths:
+// login and ACL, and with an upstream port the fleet bridge to a plain broker
+// there. Each identity's password is its name and "-pw".
+struct Shipped {
+    int upstream_port = 0;
+};
+
 // A mosquitto of the test's own on 127.0.0.1 and a free port: nothing
-// persisted, QoS 0 queueing unlimited (a slow subscriber loses nothing),
-// TCP_NODELAY as for ipcd, then extra_config (e.g. TlsFiles::listener).
+// persisted unless asked (then across its restarts), QoS 0 queueing unlimited
+// (a slow subscriber loses nothing), TCP_NODELAY as for ipcd, then
+// extra_config (e.g. TlsFiles::listener).
 class Broker {
 public:
-    explicit Broker(std::string extra_config = {});
+    explicit Broker(std::string extra_config = {}, bool persistent = false);
+    explicit Broker(Shipped shipped);
     int port() const { return m_port; }
     pid_t pid() const { return m_process->pid(); }
     void stop(bool hard = false);  // SIGTERM, or SIGKILL when hard; waits for the end
@@ -147,7 +162,7 @@ private:
 
 // Requests rt/vehicle/battery (RT id 23, not retained) and releases the
 // earlybird queue with ipcd-ctl: its records are then relayed as they come.
-void release(Daemon& daemon, int port);
+void release(Daemon& daemon, int port, const std::vector<std::string>& login = {});
 
 // ipcd-sim writing generated records of topics into the daemon's RX, rate
 // per topic, count in all (RX then kept open) or until stopped. A group's
