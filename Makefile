@@ -18,10 +18,9 @@ all: build
 deps:
 	@bash scripts/install-deps
 
-$(BUILD)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD) -G "$(GENERATOR)" $(CMAKE_FLAGS)
-
-configure: $(BUILD)/CMakeCache.txt
+# Configures once, and again whenever CMAKE_FLAGS differ from the last ones.
+configure: deps
+	@bash scripts/configure $(BUILD) "$(GENERATOR)" $(CMAKE_FLAGS)
 
 build: deps configure
 	cmake --build $(BUILD) -j $(JOBS)
