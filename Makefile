@@ -90,9 +90,10 @@ cross:
 	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchains/$(TRIPLET_$(ARCH)).cmake $(CMAKE_FLAGS)
 	cmake --build $(XBUILD) -j $(JOBS)
 
-# Under emulation only the unit tier: the other tiers start the broker and
-# the daemon as real processes and wait on them, which qemu makes slow to the
-# point of meaning nothing; the whole suite runs on i386 instead.
+# Under emulation only the unit tier: the other tiers start ipcd and the
+# tools as child processes, and an emulated program can start an ARM one only
+# where binfmt_misc hands those to qemu, a machine-wide setting. The whole
+# suite runs on i386 instead.
 test-cross: cross
 	@case "$(ARCH)" in arm64|armhf) ;; *) echo "make test-cross: ARCH=arm64 or armhf" >&2; exit 2;; esac
 	cd $(XBUILD) && ctest --output-on-failure -j $(JOBS) -L unit $(CTEST_FLAGS)
