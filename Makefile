@@ -94,12 +94,13 @@ cross:
 # tools as child processes, and an emulated program can start an ARM one only
 # where binfmt_misc hands those to qemu, a machine-wide setting. The whole
 # suite runs on i386 instead.
-test-cross: cross
+test-cross:
 	@case "$(ARCH)" in arm64|armhf) ;; *) echo "make test-cross: ARCH=arm64 or armhf" >&2; exit 2;; esac
+	@$(MAKE) --no-print-directory cross ARCH=$(ARCH)
 	cd $(XBUILD) && ctest --output-on-failure -j $(JOBS) -L unit $(CTEST_FLAGS)
 
 test-i386:
-	$(MAKE) cross ARCH=i386
+	@$(MAKE) --no-print-directory cross ARCH=i386
 	cd $(BUILD)-i386 && ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
 
 lint: configure
