@@ -99,7 +99,11 @@ test-cross:
 	@$(MAKE) --no-print-directory cross ARCH=$(ARCH)
 	cd $(XBUILD) && ctest --output-on-failure -j $(JOBS) -L unit $(CTEST_FLAGS)
 
+# The kernel must run 32-bit x86 programs (IA32 emulation, which some
+# kernels leave out or switch off): i386's own dynamic loader tells.
 test-i386:
+	@bash scripts/install-deps --arch i386
+	@/lib/ld-linux.so.2 --version >/dev/null 2>&1 || { echo "make test-i386: this kernel does not run 32-bit x86 programs (no IA32 emulation)" >&2; exit 3; }
 	@$(MAKE) --no-print-directory cross ARCH=i386
 	cd $(BUILD)-i386 && ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
 
