@@ -11,17 +11,29 @@ CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps configure build test demo bench clean lint format package test-asan test-tsan fuzz
+# Other Debian architectures, each built in its own directory ($(BUILD)-ARCH)
+# with Debian's cross compiler and the target's multiarch libraries:
+#   make cross ARCH=arm64|armhf|i386     build
+#   make package ARCH=...                the .deb for that architecture
+#   make test-cross ARCH=arm64|armhf     the unit tier under qemu-user
+#   make test-i386                       the whole suite on a 32-bit CPU
+ARCH ?=
+TRIPLET_arm64 := aarch64-linux-gnu
+TRIPLET_armhf := arm-linux-gnueabihf
+TRIPLET_i386 := i686-linux-gnu
+XBUILD = $(BUILD)-$(ARCH)
+
+.PHONY: all deps configure build test demo bench clean lint format package test-asan test-tsan fuzz \
+	cross test-cross test-i386
 
 all: build
 
 deps:
 	@bash scripts/install-deps
 
-$(BUILD)/CMakeCache.txt: | deps
-	cmake -S . -B $(BUILD) -G "$(GENERATOR)" $(CMAKE_FLAGS)
-
-configure: $(BUILD)/CMakeCache.txt
+# Configures once, and again whenever CMAKE_FLAGS differ from the last ones.
+configure: deps
+	@bash scripts/configure $(BUILD) "$(GENERATOR)" $(CMAKE_FLAGS)
 
 build: deps configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -68,8 +80,38 @@ fuzz:
 	cmake --build $(BUILD)-fuzz -j $(JOBS)
 	@bash scripts/fuzz $(BUILD)-fuzz $(FUZZ_SECONDS)
 
+ifeq ($(ARCH),)
 package: build
 	cd $(BUILD) && cpack -G DEB
+else
+package: cross
+	cd $(XBUILD) && cpack -G DEB
+endif
+
+cross:
+	@[ -n "$(TRIPLET_$(ARCH))" ] || { echo "make: ARCH=arm64, armhf or i386 (not '$(ARCH)')" >&2; exit 2; }
+	@bash scripts/install-deps --arch $(ARCH)
+	@bash scripts/configure $(XBUILD) "$(GENERATOR)" \
+	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchains/$(TRIPLET_$(ARCH)).cmake $(CMAKE_FLAGS)
+	cmake --build $(XBUILD) -j $(JOBS)
+
+# Under emulation only the unit tier: the other tiers start ipcd and the
+# tools as child processes, and an emulated program can start an ARM one only
+# where binfmt_misc hands those to qemu, a machine-wide setting. The whole
+# suite runs on i386 instead.
+test-cross:
+	@case "$(ARCH)" in arm64|armhf) ;; *) echo "make test-cross: ARCH=arm64 or armhf" >&2; exit 2;; esac
+	@$(MAKE) --no-print-directory cross ARCH=$(ARCH)
+	cd $(XBUILD) && ctest --output-on-failure -j $(JOBS) -L unit $(CTEST_FLAGS)
+
+# The kernel must run 32-bit x86 programs (IA32 emulation, which some
+# kernels leave out or switch off): scripts/runs-i386 tells, before anything
+# is installed.
+test-i386:
+	@bash scripts/runs-i386 || { echo "make test-i386: this kernel does not run 32-bit x86 programs (no IA32 emulation)" >&2; exit 3; }
+	@bash scripts/install-deps --arch i386
+	@$(MAKE) --no-print-directory cross ARCH=i386
+	cd $(BUILD)-i386 && ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
 
 lint: configure
 	@IPCD_DEPS_LINT=1 bash scripts/install-deps
@@ -80,4 +122,5 @@ format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz \
+	  $(BUILD)-arm64 $(BUILD)-armhf $(BUILD)-i386

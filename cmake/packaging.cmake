@@ -167,7 +167,13 @@ if(IPCD_DPKG_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 else()
   string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS
-         ", libmosquitto1, libprotobuf-lite32, libsystemd0, libstdc++6, libgcc-s1, libc6")
+         ", libmosquitto1, libprotobuf-lite32, libsystemd0, libssl3, libstdc++6, libgcc-s1, libc6")
+endif()
+# A cross build (cmake/toolchains) names its Debian architecture; cpack
+# would otherwise take this machine's. dpkg-shlibdeps finds the target's
+# libraries and their packages from the binaries' ELF class by itself.
+if(IPCD_DEB_ARCH)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${IPCD_DEB_ARCH}")
 endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${_ipcd_control}/conffiles ${_ipcd_control}/postinst
