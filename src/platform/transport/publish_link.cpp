@@ -281,12 +281,9 @@ std::string PublishLink::tls_reason(int error) {
 void PublishLink::start_session() {
     m_state = State::awaiting_connack;
     m_deadline = Clock::now() + g_connack_timeout;
+    // The buffers are empty: the last socket took what they held with it, and
+    // nothing is accepted before the CONNACK.
     std::lock_guard<std::mutex> lock(m_out_mutex);
-    m_out.clear();
-    m_writing.clear();
-    m_sent = 0;
-    m_out_messages = 0;
-    m_writing_messages = 0;
     packets::append_connect(m_out, m_client_id, static_cast<std::uint16_t>(m_settings.keepalive),
                             m_settings.username, m_settings.password);
 }
