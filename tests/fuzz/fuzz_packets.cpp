@@ -45,7 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     IPCD_FUZZ_CHECK(type == publish && (out[0] & 1U) == (retained ? 1U : 0U));
     IPCD_FUZZ_CHECK(body.size() == 2 + topic.size() + payload_size);
     IPCD_FUZZ_CHECK((static_cast<std::size_t>(body[0]) << 8U | body[1]) == topic.size());
-    IPCD_FUZZ_CHECK(std::equal(topic.begin(), topic.end(), body.begin() + 2));
+    IPCD_FUZZ_CHECK(
+        std::string(body.begin() + 2, body.begin() + 2 + static_cast<long>(topic.size())) == topic);
     IPCD_FUZZ_CHECK(std::equal(payload, payload + payload_size,
                                body.begin() + 2 + static_cast<long>(topic.size())));
     return 0;
