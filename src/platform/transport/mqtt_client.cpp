@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
-#include <functional>
 
 #include "configuration.h"
 #include "mosquitto_text.h"
@@ -24,13 +23,6 @@ using detail::describe_connack;
 constexpr auto g_stop_flush_timeout = 250ms;
 // How long a publisher may still wait for room once the owner is stopping.
 constexpr auto g_interrupt_wait = 150ms;
-
-// Different for every process and vehicle, so that reconnections spread.
-std::uint64_t jitter_seed(const std::string& id) {
-    const auto now =
-        static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-    return now ^ (static_cast<std::uint64_t>(getpid()) << 32U) ^ std::hash<std::string>{}(id);
-}
 
 const std::shared_ptr<logging::LogModule>& log_module() {
     return detail::transport_log();
@@ -78,7 +70,7 @@ MqttClient::MqttClient(MqttSettings settings)
     : m_settings(std::move(settings)),
       m_outbox(*this, m_settings.max_pending, m_settings.offline_queue),
       m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_policy(jitter_seed(m_settings.client_name)),
+      m_policy(ReconnectPolicy::seed_for(m_settings.client_name)),
       m_subscriptions(std::make_shared<const SubscriptionList>()) {
     init_library();
     // A clean session: the broker keeps nothing for us, so subscriptions are

@@ -85,6 +85,8 @@ private:
     void network_loop();
     // One attempt to connect again; false (with the reason) when it failed.
     bool reconnect(std::string& reason);
+    // An attempt failed: logged as the policy says; the delay to the next one.
+    std::chrono::milliseconds attempt_failed(const std::string& reason);
     // Sleeps for delay unless the client is closed first; false when closed.
     bool wait_while_running(std::chrono::milliseconds delay);
     void shut_down_loop();

@@ -213,15 +213,7 @@ void MqttClient::network_loop() {
             }
             std::string reason;
             if (!reconnect(reason)) {
-                const ReconnectPolicy::Decision next =
-                    m_policy.failed(reason, ReconnectPolicy::Clock::now());
-                delay = next.delay;
-                if (next.log_line) {
-                    logging::WARNING << log_module() << "broker " << where() << ": "
-                                     << *next.log_line;
-                }
-                std::lock_guard<std::mutex> lock(m_mutex);
-                m_waiting_reason = reason;
+                delay = attempt_failed(reason);
                 continue;
             }
             down = false;
@@ -244,16 +236,18 @@ void MqttClient::network_loop() {
             delay = m_policy.lost();
             continue;
         }
-        const std::string reason = describe(rc);
-        const ReconnectPolicy::Decision next =
-            m_policy.failed(reason, ReconnectPolicy::Clock::now());
-        delay = next.delay;
-        if (next.log_line) {
-            logging::WARNING << log_module() << "broker " << where() << ": " << *next.log_line;
-        }
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_waiting_reason = reason;
+        delay = attempt_failed(describe(rc));
     }
+}
+
+std::chrono::milliseconds MqttClient::attempt_failed(const std::string& reason) {
+    const ReconnectPolicy::Decision next = m_policy.failed(reason, ReconnectPolicy::Clock::now());
+    if (next.log_line) {
+        logging::WARNING << log_module() << "broker " << where() << ": " << *next.log_line;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_waiting_reason = reason;
+    return next.delay;
 }
 
 bool MqttClient::wait_while_running(std::chrono::milliseconds delay) {

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <memory>
 
 #include "logging.h"
@@ -42,8 +41,7 @@ PublishLink::PublishLink(const MqttSettings& settings)
     : m_settings(settings),
       m_client_id(settings.client_name + "-rt"),
       m_outbox(*this, settings.max_pending, settings.offline_queue),
-      m_policy(std::hash<std::string>{}(m_client_id) ^
-               static_cast<std::uint64_t>(Clock::now().time_since_epoch().count())),
+      m_policy(ReconnectPolicy::seed_for(m_client_id)),
       m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     // What one read of RX makes, so that the buffers do not grow under load.
     m_out.reserve(std::size_t{128} * 1024);
@@ -475,14 +473,18 @@ void PublishLink::shut_socket() {
     m_writing_messages = 0;
 }
 
-void PublishLink::failed(const std::string& reason) {
-    const bool was_up = m_up.exchange(false);
+void PublishLink::go_down() {
+    // QoS 0 messages on their way are lost with the socket, as the Outbox is told.
+    if (m_up.exchange(false)) {
+        m_outbox.disconnected();
+    }
     shut_socket();
     m_state = State::down;
     m_deadline = Clock::time_point::max();
-    if (was_up) {
-        m_outbox.disconnected();
-    }
+}
+
+void PublishLink::failed(const std::string& reason) {
+    go_down();
     if (!m_addresses.empty()) {
         m_retry_at = Clock::now();  // the host's next address, at once
         return;
@@ -497,11 +499,7 @@ void PublishLink::failed(const std::string& reason) {
 }
 
 void PublishLink::lost(const std::string& reason) {
-    m_up = false;
-    shut_socket();
-    m_state = State::down;
-    m_deadline = Clock::time_point::max();
-    m_outbox.disconnected();
+    go_down();
     m_retry_at = Clock::now() + m_policy.lost();
     logging::WARNING << log_module() << "RT data connection to broker " << m_settings.host << ":"
                      << m_settings.port << " lost: " << reason << "; reconnecting";

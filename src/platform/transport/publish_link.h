@@ -67,6 +67,8 @@ private:
     enum class State { down, connecting, handshaking, awaiting_connack, up };
 
     void attempt();
+    // Closes the socket and forgets what it held.
+    void go_down();
     void failed(const std::string& reason);
     void lost(const std::string& reason);
     void shut_socket();

@@ -1,11 +1,19 @@
 #include "reconnect_policy.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 namespace ecu::kora::com {
 
 ReconnectPolicy::ReconnectPolicy(std::uint64_t seed) : m_state(seed | 1U) {}
+
+std::uint64_t ReconnectPolicy::seed_for(const std::string& name) {
+    const auto now = static_cast<std::uint64_t>(Clock::now().time_since_epoch().count());
+    return now ^ (static_cast<std::uint64_t>(getpid()) << 32U) ^ std::hash<std::string>{}(name);
+}
 
 double ReconnectPolicy::random() {
     // xorshift64*: enough to spread a fleet; nothing here is secret.

@@ -33,6 +33,9 @@ public:
 
     // seed: for the jitter; tests pass a fixed one.
     explicit ReconnectPolicy(std::uint64_t seed);
+    // A seed different for every process and vehicle (the clock, the pid,
+    // the connection's name), so that a fleet's reconnections spread.
+    static std::uint64_t seed_for(const std::string& name);
 
     // The link was lost (its loss is reported by whoever saw it): the delay
     // of the first attempt.
