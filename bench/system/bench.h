@@ -49,6 +49,7 @@ struct Config {
     double soak_seconds = 60.0;
     int repeats = 5;  // throughput turns per publisher and size
     int latency_rounds = 5;
+    std::string only;  // comma-separated phases; empty: all
 
     void apply_scale();
 };

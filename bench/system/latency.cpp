@@ -3,8 +3,8 @@
 // simplest relay (the same device hop, then libmosquitto's threaded loop) and
 // the plain publisher (no device at all), and what ipcd adds over each. One
 // run of each proves little on a shared machine: they go in paired rounds,
-// ipcd, relay, plain, ipcd, ..., and what ipcd adds is taken within each
-// round before the median over the rounds.
+// each round led by another of the three, and what ipcd adds is taken within
+// each round before the median over the rounds.
 
 #include <time.h>
 #include <unistd.h>
@@ -50,18 +50,25 @@ void latency(const Config& cfg, Report& report, int port, Daemon& daemon, Simple
         progress("latency at " + std::to_string(cfg.latency_rate) + "/s x " +
                  std::to_string(cfg.latency_count) + " (" + std::to_string(round) + "/" +
                  std::to_string(cfg.latency_rounds) + ")");
-        const std::shared_ptr<Tally> tallies[3] = {
-            paced(port, g_data_topic, cfg,
-                  [&](std::size_t i, const Bytes& data) {
-                      write_record(daemon.rx(), g_data_id, data, i);
-                  }),
-            paced(port, g_relay_topic, cfg,
-                  [&](std::size_t i, const Bytes& data) {
-                      write_record(simple.rx(), g_data_id, data, i);
-                  }),
-            paced(port, plain_topic, cfg, [&](std::size_t i, const Bytes& data) {
-                pub.publish(plain_topic, framed_rt(data, i));
-            })};
+        // Each round starts with another of the three, so that none of them
+        // always runs first (after the previous phase) or last.
+        std::shared_ptr<Tally> tallies[3];
+        for (int turn = 0; turn < 3; ++turn) {
+            const int k = (round - 1 + turn) % 3;
+            if (k == 0) {
+                tallies[k] = paced(port, g_data_topic, cfg, [&](std::size_t i, const Bytes& data) {
+                    write_record(daemon.rx(), g_data_id, data, i);
+                });
+            } else if (k == 1) {
+                tallies[k] = paced(port, g_relay_topic, cfg, [&](std::size_t i, const Bytes& data) {
+                    write_record(simple.rx(), g_data_id, data, i);
+                });
+            } else {
+                tallies[k] = paced(port, plain_topic, cfg, [&](std::size_t i, const Bytes& data) {
+                    pub.publish(plain_topic, framed_rt(data, i));
+                });
+            }
+        }
         for (int k = 0; k < 3; ++k) {
             p50[k].push_back(tallies[k]->latency_us(0.5));
             p99[k].push_back(tallies[k]->latency_us(0.99));

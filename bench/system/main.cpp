@@ -3,8 +3,11 @@
 // the same broker, because absolute rates depend on the machine and on
 // whatever else it is doing. Nothing here asserts on time; it only prints.
 //
-//   system_bench [--quick] [--scale=X]      (or BENCH_SCALE=X)
+//   system_bench [--quick] [--scale=X] [--only=PHASE,...]   (or BENCH_SCALE=X)
 //
+// Phases: idle, relay, latency, broker-to-rt, earlybird, soak, profile,
+// restart, stop (default: all). --only is for looking at one figure closely;
+// the summary then holds only that phase's rows.
 // --quick is --scale=0.05. Counts and periods shrink with the scale; the
 // turns and rounds do not. BENCH_IPCD=path measures another ipcd binary (an
 // older build, for a before/after table).
@@ -20,9 +23,19 @@
 namespace bench {
 namespace {
 
+bool wanted(const Config& cfg, const std::string& phase) {
+    if (cfg.only.empty()) {
+        return true;
+    }
+    const std::string list = "," + cfg.only + ",";
+    return list.find("," + phase + ",") != std::string::npos;
+}
+
 int run_all(const Config& cfg) {
     Report report;
-    {
+    const bool relay_phases = wanted(cfg, "idle") || wanted(cfg, "relay") ||
+                              wanted(cfg, "latency") || wanted(cfg, "broker-to-rt");
+    if (relay_phases) {
         Broker broker;
         const int port = broker.port();
         progress("starting ipcd, requesting " + g_data_topic + ", releasing the target");
@@ -31,19 +44,41 @@ int run_all(const Config& cfg) {
         release(daemon, port);
         progress("starting the simplest relay");
         SimpleRelay simple(port);
-        idle(cfg, report, daemon);
-        relay(cfg, report, port, daemon, simple, broker.pid());
-        latency(cfg, report, port, daemon, simple);
-        broker_to_rt(cfg, report, port, daemon);
+        if (wanted(cfg, "idle")) {
+            idle(cfg, report, daemon);
+        }
+        if (wanted(cfg, "relay")) {
+            relay(cfg, report, port, daemon, simple, broker.pid());
+        }
+        if (wanted(cfg, "latency")) {
+            latency(cfg, report, port, daemon, simple);
+        }
+        if (wanted(cfg, "broker-to-rt")) {
+            broker_to_rt(cfg, report, port, daemon);
+        }
         const auto status = daemon.stop();
         report.notes.push_back("ipcd exit status after the relay runs: " +
                                std::to_string(status ? *status : -1) + " (0 expected)");
-        earlybird(cfg, report, port);
-        soak(cfg, report, port);
-        profile(cfg, report, port);
     }
-    restart(cfg, report);
-    stop(cfg, report);
+    if (wanted(cfg, "earlybird") || wanted(cfg, "soak") || wanted(cfg, "profile")) {
+        Broker broker;
+        const int port = broker.port();
+        if (wanted(cfg, "earlybird")) {
+            earlybird(cfg, report, port);
+        }
+        if (wanted(cfg, "soak")) {
+            soak(cfg, report, port);
+        }
+        if (wanted(cfg, "profile")) {
+            profile(cfg, report, port);
+        }
+    }
+    if (wanted(cfg, "restart")) {
+        restart(cfg, report);
+    }
+    if (wanted(cfg, "stop")) {
+        stop(cfg, report);
+    }
     report.print(cfg.scale);
     std::printf(
         "  baselines, in the same run on the same broker: the plain publisher = libmosquitto\n"
@@ -60,8 +95,9 @@ int run_all(const Config& cfg) {
         "    instructions: perf counters, user space; allocations: a counting allocator\n"
         "    preloaded into both.\n"
         "  latency: %zu records of 64 B at %zu/s, RX write (or publish) -> subscriber receipt,\n"
-        "    %d rounds of ipcd, simplest relay, plain in turn; added by ipcd = ipcd's p50 - the\n"
-        "    plain publisher's (or the simplest relay's) in the same round, median of rounds;\n"
+        "    %d rounds of ipcd, simplest relay, plain, each round led by another; added by\n"
+        "    ipcd = ipcd's p50 - the plain publisher's (or the simplest relay's) in the same\n"
+        "    round, median of rounds;\n"
         "    in its column, what the simplest relay itself adds over the plain publisher.\n"
         "  broker->RT: %zu framed SignalGroupData on %s from a bounded QoS 0 publisher;\n"
         "    ipcd = records out of TX per second, baseline = a plain subscriber of the same.\n"
@@ -89,8 +125,10 @@ int main(int argc, char** argv) {
             cfg.scale = 0.05;
         } else if (arg.compare(0, 8, "--scale=") == 0) {
             cfg.scale = std::strtod(arg.c_str() + 8, nullptr);
+        } else if (arg.compare(0, 7, "--only=") == 0) {
+            cfg.only = arg.substr(7);
         } else if (arg.compare(0, 12, "--benchmark_") != 0) {  // those are Google Benchmark's
-            std::fprintf(stderr, "usage: system_bench [--quick] [--scale=X]\n");
+            std::fprintf(stderr, "usage: system_bench [--quick] [--scale=X] [--only=PHASE,...]\n");
             return 2;
         }
     }
