@@ -46,15 +46,19 @@ void latency(const Config& cfg, Report& report, int port, Daemon& daemon, Simple
     std::vector<double> added_relay;  // ipcd - simplest relay
     std::vector<double> relay_added;  // simplest relay - plain
     std::size_t lost[3] = {0, 0, 0};
-    for (int round = 1; round <= cfg.latency_rounds; ++round) {
+    // Round 0 warms up and is not counted: the broker may still be writing
+    // out what the phase before left, and whoever ran first would pay for it.
+    for (int round = 0; round <= cfg.latency_rounds; ++round) {
         progress("latency at " + std::to_string(cfg.latency_rate) + "/s x " +
-                 std::to_string(cfg.latency_count) + " (" + std::to_string(round) + "/" +
-                 std::to_string(cfg.latency_rounds) + ")");
+                 std::to_string(cfg.latency_count) + " (" +
+                 (round == 0 ? std::string("warm-up")
+                             : std::to_string(round) + "/" + std::to_string(cfg.latency_rounds)) +
+                 ")");
         // Each round starts with another of the three, so that none of them
         // always runs first (after the previous phase) or last.
         std::shared_ptr<Tally> tallies[3];
         for (int turn = 0; turn < 3; ++turn) {
-            const int k = (round - 1 + turn) % 3;
+            const int k = (round + 2 + turn) % 3;  // round 1 led by ipcd
             if (k == 0) {
                 tallies[k] = paced(port, g_data_topic, cfg, [&](std::size_t i, const Bytes& data) {
                     write_record(daemon.rx(), g_data_id, data, i);
@@ -68,6 +72,9 @@ void latency(const Config& cfg, Report& report, int port, Daemon& daemon, Simple
                     pub.publish(plain_topic, framed_rt(data, i));
                 });
             }
+        }
+        if (round == 0) {
+            continue;
         }
         for (int k = 0; k < 3; ++k) {
             p50[k].push_back(tallies[k]->latency_us(0.5));
