@@ -558,8 +558,9 @@ public:
             const auto* group = catalogue.by_id(id);
             std::string fate = "not in the catalogue: ipcd drops them";
             if (group != nullptr) {
-                fate = group->retained() ? "retained: ipcd publishes them at once"
-                                         : "not retained: ipcd publishes them only if requested";
+                fate = group->retained()
+                           ? "retained: ipcd publishes them at once"
+                           : "not retained: ipcd publishes them only if requested, once released";
                 held = held || !group->retained();
             }
             print_line("  " + std::to_string(n) + " " +
