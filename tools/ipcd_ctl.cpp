@@ -80,8 +80,8 @@ constexpr const char* g_usage =
     "                       status, stats and health (default 2), for watch (default:\n"
     "                       no limit)\n"
     "  -v, --verbose        watch, status: print the topic in front of each message\n"
-    "  --json               watch, status, stats, health: one JSON object per\n"
-    "                       message, its topic included\n"
+    "  --json               watch, status: one JSON object per message, its topic\n"
+    "                       included; stats, health: ipcd's JSON as published\n"
     "  -d, --debug          also print the transport's log lines\n"
     "  --help               this text\n"
     "\n"
@@ -105,7 +105,8 @@ constexpr const char* g_usage =
     "QoS 0: once it is sent). watch only subscribes; it says \"watching\" on\n"
     "standard error once the broker has taken its subscriptions.\n"
     "Exit status: 0 done, 1 broker or timeout failure, fewer than -C messages or\n"
-    "nothing retained, 2 bad arguments or catalogue, 3 ipcd down (health).\n";
+    "nothing retained, 2 bad arguments, configuration file or catalogue, 3 ipcd\n"
+    "down (health).\n";
 
 constexpr int g_bad_input = 2;
 

@@ -65,7 +65,8 @@ constexpr const char* g_usage =
     "  --count N          records in all when generating (default: until stopped)\n"
     "  --replay FILE      write the records of a capture file as they are, at the\n"
     "                     pace of their timestamps (a gap over 10 s is shortened to\n"
-    "                     10 s, one going back is none; both said on stderr)\n"
+    "                     10 s, a timestamp going back waits for nothing; both said\n"
+    "                     on stderr)\n"
     "  --speed X          replay X times as fast (default 1), or 'max': as fast as\n"
     "                     ipcd reads\n"
     "  --print FILE       print the records of a capture file decoded, then end\n"
@@ -81,9 +82,9 @@ constexpr const char* g_usage =
     "were and what ipcd does with them: records of retained topics are published\n"
     "at once; ipcd holds the others until system/tpa/status releases them, then\n"
     "publishes those of topics a client has requested and drops the rest.\n"
-    "Exit status: 0 when done or stopped by a signal, 1 when ipcd went away, did\n"
-    "not open RX in time or a port failed, 2 for bad arguments, catalogue,\n"
-    "scenario or capture.\n";
+    "Exit status: 0 when done or stopped by a signal, 1 when ipcd went away or\n"
+    "did not open RX in time, or a port or the capture file failed, 2 for bad\n"
+    "arguments, catalogue, scenario or capture.\n";
 
 constexpr int g_bad_input = 2;
 // The longest pause a replay keeps: captures that mix literal timestamps with
