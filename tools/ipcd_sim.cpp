@@ -843,7 +843,7 @@ int main(int argc, char** argv) {
             }
             if (n < 0 && write_errno != EAGAIN) {
                 drain_tx();  // what ipcd wrote before it went
-                print_line((write_errno == EPIPE ? "ipcd closed RX " + opts.rx + "; ending"
+                error_line((write_errno == EPIPE ? "ipcd closed RX " + opts.rx + "; ending"
                                                  : "cannot write RX " + opts.rx + ": " +
                                                        std::strerror(write_errno)) +
                            unwritten());

@@ -130,7 +130,7 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
     EXPECT_EQ(eod->wait(), 0);
     EXPECT_EQ(json_lines(eod->out()).at(0)["payload"], "01") << eod->out();
     EXPECT_EQ(sim.wait(), 1);
-    EXPECT_NE(sim.out().find("ipcd closed RX"), std::string::npos);
+    EXPECT_NE(sim.err().find("ipcd closed RX"), std::string::npos);
 }
 
 // Over TLS with a login (the tools use the plain listener; they reach the
