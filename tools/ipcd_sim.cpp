@@ -287,7 +287,8 @@ struct Options {
     double rate = 10.0;
     std::uint64_t count = 0;
     std::string replay;
-    double speed = 1.0;  // 0: as fast as ipcd reads
+    double speed = 1.0;              // 0: as fast as ipcd reads
+    std::vector<std::string> given;  // options that only some sources take
     std::string print;
     bool hex = false;
     double timeout = -1;  // waiting for ipcd to open RX; below 0: no limit
@@ -373,11 +374,13 @@ bool parse_options(int argc, char** argv, Options& o) {
                 o.generate = optarg;
                 break;
             case rate:
+                o.given.emplace_back("--rate");
                 if (!parse_positive("--rate", optarg, 100000, o.rate)) {
                     return false;
                 }
                 break;
             case count: {
+                o.given.emplace_back("--count");
                 auto n = parse_number(optarg);
                 if (!n) {
                     error_line(std::string("--count '") + optarg + "' is not a number");
@@ -390,6 +393,7 @@ bool parse_options(int argc, char** argv, Options& o) {
                 o.replay = optarg;
                 break;
             case speed:
+                o.given.emplace_back("--speed");
                 if (!parse_positive("--speed", optarg, 1000000, o.speed, true)) {
                     return false;
                 }
@@ -429,6 +433,12 @@ bool parse_options(int argc, char** argv, Options& o) {
     if (!o.scenario.empty() + !o.generate.empty() + !o.replay.empty() + !o.print.empty() > 1) {
         error_line("--scenario, --generate, --replay and --print exclude each other");
         return false;
+    }
+    for (const auto& option : o.given) {
+        if (option == "--speed" ? o.replay.empty() : o.generate.empty()) {
+            error_line(option + " applies to " + (option == "--speed" ? "--replay" : "--generate"));
+            return false;
+        }
     }
     return true;
 }
