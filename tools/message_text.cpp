@@ -148,9 +148,9 @@ Json decode(const Catalogue* catalogue, const std::string& topic, const com::Mes
     return j;
 }
 
-std::string text_line(const Json& j) {
-    std::string out = j["topic"].get<std::string>() + " retained=" + flat(j["retained"]) +
-                      " qos=" + flat(j["qos"]);
+std::string text_line(const Json& j, bool with_topic) {
+    std::string out = (with_topic ? j["topic"].get<std::string>() + " " : std::string()) +
+                      "retained=" + flat(j["retained"]) + " qos=" + flat(j["qos"]);
     if (j["type"] == "raw") {
         return out + " raw " + flat(j["payload"]);
     }

@@ -20,8 +20,9 @@ Json decode(const Catalogue* catalogue, const std::string& topic,
 // A value as text: strings bare, arrays joined by "," ("-" when empty),
 // booleans 1 or 0.
 std::string flat(const Json& value);
-// One line: topic, flags, header, body type and fields; signal values last.
-std::string text_line(const Json& decoded);
+// One line: the topic when with_topic, then flags, header, body type and
+// fields; signal values last.
+std::string text_line(const Json& decoded, bool with_topic);
 
 // ipcd's statistics (a flat JSON object) as one line per key with what it
 // counts; keys this tool does not know are shown as they are. Empty when the

@@ -130,7 +130,7 @@ TEST(Daemon, RelaysBothWaysThroughTheTools) {
     EXPECT_EQ(eod->wait(), 0);
     EXPECT_EQ(json_lines(eod->out()).at(0)["payload"], "01") << eod->out();
     EXPECT_EQ(sim.wait(), 1);
-    EXPECT_NE(sim.out().find("ipcd closed RX"), std::string::npos);
+    EXPECT_NE(sim.err().find("ipcd closed RX"), std::string::npos);
 }
 
 // Over TLS with a login (the tools use the plain listener; they reach the
@@ -264,6 +264,87 @@ TEST(Tools, StatsAndHealth) {
         const Outcome r = ctl(broker.port(), c.args);
         EXPECT_EQ(r.status, c.status) << c.shown;
         EXPECT_TRUE(std::regex_search(r.out + r.err, std::regex(c.shown))) << r.out << r.err;
+    }
+}
+
+// Capture, print, replay: a capture (and a regular file as RX) starts afresh
+// unless --append; --print names what it holds; a replay keeps the records'
+// order and their pace (two gaps of 0.4 s, twice as fast; a timestamp going
+// back waits for nothing), and a watcher's wildcard filter and count take
+// exactly what they match.
+TEST(Tools, CaptureAndReplay) {
+    TempDir dir;
+    const std::string cap = dir.write("drive.cap", "junk");
+    const std::string rx_file = dir.write("rx.file", "junk");
+    const std::string scenario = dir.write(  // speed is retained: relayed at once
+        "drive.txt",
+        "rt/vehicle/speed 0 1000000000 speed_kmh=1\nrt/vehicle/doors 0 1000000000 hex:01\n"
+        "rt/vehicle/speed 0 1400000000 speed_kmh=2\nrt/vehicle/speed 0 1800000000 speed_kmh=3\n");
+    const std::vector<std::string> sim{g_sim, "--catalogue", g_sample_catalogue};
+    auto with = [](std::vector<std::string> a, const std::vector<std::string>& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+    const std::vector<std::string> write{"--rx", rx_file, "--scenario", scenario, "--capture", cap};
+    EXPECT_EQ(run(with(sim, write)).status, 0);
+    EXPECT_EQ(run(with(with(sim, write), {"--append"})).status, 0);
+    EXPECT_EQ(read_file(rx_file), read_file(cap));
+    const Outcome printed = run(with(sim, {"--print", cap}));
+    EXPECT_EQ(printed.err, "");  // no junk left in front
+    EXPECT_NE(printed.out.find(cap + ": 8 records\n  6 rt/vehicle/speed (retained"),
+              std::string::npos)
+        << printed.out;
+
+    Broker broker;
+    auto watcher = watch(broker.port(), {"-C", "5", "-t", "rt/+/speed"});
+    Process replay(with(sim, {"--rx", dir.file("rx"), "--tx", dir.file("tx"), "--replay", cap,
+                              "--speed", "2", "--quiet"}));
+    ASSERT_TRUE(replay.wait_out("waiting for ipcd")) << replay.err();
+    Process ipcd({g_ipcd, "-L", "-H", "127.0.0.1", "-p", std::to_string(broker.port()), "-r",
+                  dir.file("rx"), "-t", dir.file("tx")},
+                 {"KIRN_RT_CATALOGUE=" + g_sample_catalogue});
+    ASSERT_TRUE(replay.wait_out(" open\n"));
+    const auto opened = std::chrono::steady_clock::now();
+    EXPECT_EQ(replay.wait(), 0) << replay.err();
+    EXPECT_GE(std::chrono::steady_clock::now() - opened, 350ms);
+    EXPECT_NE(replay.out().find("RX " + dir.file("rx") + " written: 8 records"), std::string::npos);
+    ASSERT_EQ(watcher->wait(), 0) << watcher->err();
+    const auto lines = json_lines(watcher->out());
+    ASSERT_EQ(lines.size(), 5U) << watcher->out();
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i]["topic"], "rt/vehicle/speed");
+        EXPECT_EQ(lines[i]["body"]["signals"]["speed_kmh"], i % 3 + 1) << "order";
+    }
+    EXPECT_EQ(ipcd.wait(), 0);
+}
+
+// A mistake ends the tool with its reason on standard error.
+TEST(Tools, MistakesAreSaid) {
+    TempDir dir;
+    const std::string bad = dir.write("bad.json", R"({"groups": 1})");
+    const std::string sample = "KIRN_RT_CATALOGUE=" + g_sample_catalogue;
+    const struct {
+        std::vector<std::string> argv;
+        std::string env;
+        int status;
+        std::string said;
+    } cases[] = {
+        {{g_ctl, "watch"}, "KIRN_RT_CATALOGUE=" + dir.file("none"), 2, "cannot be read"},
+        {{g_ctl, "--catalogue", bad, "send", "rttx/hmi/x", "a=1"}, "", 2, "groups: must be"},
+        {{g_ctl, "watch", "rt/#/speed"}, "", 2, "'rt/#/speed' is not a topic filter"},
+        {{g_ctl, "-h"}, "", 2, "needs a host; help is --help"},
+        {{g_ctl, "-r", "state", "4"}, "", 2, "-r does not apply to state"},
+        {{g_sim, "--catalogue", bad}, "", 2, "groups: must be"},
+        {{g_sim, "--print", dir.file("none")}, sample, 2, "cannot read capture"},
+        {{g_sim, "--rx", dir.file("rx"), "--tx", dir.file("tx"), "-W", "0.1"},
+         sample,
+         1,
+         "ipcd did not open RX"},
+    };
+    for (const auto& c : cases) {
+        const Outcome r = run(c.argv, {c.env});
+        EXPECT_EQ(r.status, c.status) << c.said;
+        EXPECT_NE(r.err.find(c.said), std::string::npos) << r.err;
     }
 }
 
