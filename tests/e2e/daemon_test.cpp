@@ -369,6 +369,10 @@ TEST(Daemon, ShowsItselfFromOutside) {
     EXPECT_EQ(ctl(port, {"status"}).out, "no subscription status\n");
     EXPECT_TRUE(json_lines(watch(port, {"system/rt/eod"})->out()).empty());
     EXPECT_EQ(ctl(port, {"health"}).status, 0);  // up
+    // What `systemctl status` shows before the first record.
+    ASSERT_TRUE(wait_until([&] { return !daemon.notifications("STATUS=connected").empty(); }));
+    EXPECT_EQ(daemon.notifications("STATUS=connected").front(),
+              "STATUS=connected to the broker; 0 records/s; 0 dropped so far");
 
     release(daemon, port);
     constexpr std::uint32_t unknown = 10000;

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -95,7 +96,9 @@ TEST(QueuePort, ReaderDeliversAcrossReadsAndReportsEachDamageStretchOnce) {
     EXPECT_EQ(reader.resyncs, (std::vector<std::size_t>{37, record_header_size + 20}));
     ASSERT_EQ(log.find("out of step").size(), 1U);
     EXPECT_EQ(log.find("out of step")[0].severity, ecu::kora::logging::error);
-    ASSERT_EQ(log.find("record of id 3 announced 1000 payload bytes").size(), 1U)
+    ASSERT_EQ(log.find("record of id 3 announced 1000 payload bytes, only 49 arrived within 300 ms")
+                  .size(),
+              1U)
         << log.lines().size();
     EXPECT_EQ(reader.finished_count, 1);
 }
@@ -124,6 +127,11 @@ TEST(QueuePort, FileIsReplayedAndEndsAndStopsArePrompt) {
         ASSERT_TRUE(wait_until([&] { return stopped.finished_count > 0; }));
         EXPECT_LE(stopped.count(), 24U);
     }
+    StopRequest request;  // what the loop polls: quiet until set, then readable
+    pollfd wake{request.fd(), POLLIN, 0};
+    EXPECT_EQ(::poll(&wake, 1, 0), 0);
+    request = true;
+    EXPECT_EQ(::poll(&wake, 1, 0), 1);
     Reader idle(dir.fifo("idle"));  // idle with a silent writer: the stop is seen
     const int fd = ::open(dir.file("idle").c_str(), O_WRONLY | O_CLOEXEC);
     idle.port.stop_requested = true;

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -324,6 +325,14 @@ std::size_t Daemon::notified(const std::string& message) {
     std::lock_guard<std::mutex> lock(m_notify_mutex);
     return static_cast<std::size_t>(
         std::count(m_notifications.begin(), m_notifications.end(), message));
+}
+
+std::vector<std::string> Daemon::notifications(const std::string& prefix) {
+    std::lock_guard<std::mutex> lock(m_notify_mutex);
+    std::vector<std::string> found;
+    std::copy_if(m_notifications.begin(), m_notifications.end(), std::back_inserter(found),
+                 [&](const std::string& n) { return n.rfind(prefix, 0) == 0; });
+    return found;
 }
 
 void Daemon::stop_draining() {

@@ -136,7 +136,8 @@ public:
     void close_tx();            // the RT side stops reading
     // Waits until count records came out of TX; all so far.
     std::vector<ecu::kora::ipc::IpcSignal> tx_records(std::size_t count);
-    std::size_t notified(const std::string& message);  // sd_notify messages so far
+    std::size_t notified(const std::string& message);                   // sd_notify messages so far
+    std::vector<std::string> notifications(const std::string& prefix);  // those it begins
     // The notification socket is read until the Daemon ends; from now on it is
     // never read again and left full, like a service manager that hangs.
     void stop_draining();
