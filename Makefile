@@ -88,6 +88,12 @@ package: cross
 	cd $(XBUILD) && cpack -G DEB
 endif
 
+# Debian's own checks of the .deb (make package, ARCH too): any error fails.
+.PHONY: lint-deb
+lint-deb: package
+	@IPCD_DEPS_LINTIAN=1 bash scripts/install-deps
+	lintian --fail-on error $(if $(ARCH),$(XBUILD),$(BUILD))/ipcd_*.deb
+
 cross:
 	@[ -n "$(TRIPLET_$(ARCH))" ] || { echo "make: ARCH=arm64, armhf or i386 (not '$(ARCH)')" >&2; exit 2; }
 	@bash scripts/install-deps --arch $(ARCH)
