@@ -88,6 +88,18 @@ package: cross
 	cd $(XBUILD) && cpack -G DEB
 endif
 
+# Every command block of README.md that can run here, as written, against a
+# broker and an ipcd of its own (scripts/readme-check says how).
+.PHONY: readme-check
+readme-check: build
+	@bash scripts/readme-check $(BUILD)
+
+# Debian's own checks of the .deb (make package, ARCH too): any error fails.
+.PHONY: lint-deb
+lint-deb: package
+	@IPCD_DEPS_LINTIAN=1 bash scripts/install-deps
+	lintian --fail-on error $(if $(ARCH),$(XBUILD),$(BUILD))/ipcd_*.deb
+
 cross:
 	@[ -n "$(TRIPLET_$(ARCH))" ] || { echo "make: ARCH=arm64, armhf or i386 (not '$(ARCH)')" >&2; exit 2; }
 	@bash scripts/install-deps --arch $(ARCH)

@@ -30,6 +30,25 @@ install(FILES ${_ipcd_protos} DESTINATION ${CMAKE_INSTALL_DATADIR}/ipcd/proto)
 file(GLOB _ipcd_broker_files ${PROJECT_SOURCE_DIR}/dist/broker/*)
 install(FILES ${_ipcd_broker_files} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/broker)
 
+# What Debian wants of every package's documentation: the copyright file,
+# and the changelog compressed as gzip -9n (no name or time stamp inside, so
+# the same tree gives the same package). The changelog's newest entry is this
+# version: cmake stops here when it is not, so that a version bump gets one.
+file(STRINGS dist/debian/changelog _ipcd_changelog_top LIMIT_COUNT 1)
+if(NOT _ipcd_changelog_top MATCHES "^ipcd \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "dist/debian/changelog: the newest entry is '${_ipcd_changelog_top}', "
+                      "not version ${PROJECT_VERSION}: add an entry for it")
+endif()
+add_custom_command(
+  OUTPUT ${PROJECT_BINARY_DIR}/packaging/changelog.gz
+  COMMAND sh -c "gzip -9n -c \"$1\" >\"$2\"" sh ${PROJECT_SOURCE_DIR}/dist/debian/changelog
+          ${PROJECT_BINARY_DIR}/packaging/changelog.gz
+  DEPENDS dist/debian/changelog
+  VERBATIM)
+add_custom_target(changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/packaging/changelog.gz)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/changelog.gz dist/debian/copyright
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
 # The unit's start-up steps (broker probe, queue-port access).
 install(PROGRAMS dist/ipcd-prestart DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/ipcd)
 
@@ -58,7 +77,8 @@ file(WRITE ${_ipcd_control}/conffiles
 
 # Maintainer scripts after the pattern debhelper generates: every systemd
 # call is skipped when systemd is not running (chroot, container, image
-# build) and never fails the package operation. A fresh install enables the
+# build) and never fails the package operation; starts and stops go through
+# deb-systemd-invoke, which honours policy-rc.d. A fresh install enables the
 # unit but does not start it: without the RT partition's queue ports it could
 # only fail; it starts at the next boot or by hand. An upgrade restarts a
 # running daemon.
@@ -95,7 +115,7 @@ if [ "$1" = configure ] || [ "$1" = abort-upgrade ] || [ "$1" = abort-deconfigur
     if [ -d /run/systemd/system ]; then
         systemctl --system daemon-reload >/dev/null 2>&1 || true
         if [ -n "$2" ]; then
-            systemctl try-restart ipcd.service >/dev/null 2>&1 || true
+            deb-systemd-invoke try-restart ipcd.service >/dev/null 2>&1 || true
         fi
     fi
 fi
@@ -104,7 +124,7 @@ exit 0
 file(WRITE ${_ipcd_control}/prerm [=[#!/bin/sh
 set -e
 if [ "$1" = remove ] && [ -d /run/systemd/system ]; then
-    systemctl stop ipcd.service >/dev/null 2>&1 || true
+    deb-systemd-invoke stop ipcd.service >/dev/null 2>&1 || true
 fi
 exit 0
 ]=])
@@ -128,7 +148,9 @@ fi
 exit 0
 ]=])
 
-set(IPCD_PACKAGE_MAINTAINER "ipcd maintainers <ipcd-maintainers@localhost>"
+# The .invalid domain says that this is no address to write to: a package
+# for a vehicle names its real maintainer here.
+set(IPCD_PACKAGE_MAINTAINER "ipcd maintainers <maintainers@ipcd.invalid>"
     CACHE STRING "Maintainer field of the Debian package")
 
 set(CPACK_GENERATOR "DEB")

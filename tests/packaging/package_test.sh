@@ -1,7 +1,7 @@
 #!/bin/bash
 # The Debian package, built with cpack and unpacked into a temporary root:
-# control information, files, and the unit it ships (verify, security,
-# restart settings).
+# control information, files, manual pages, and the unit it ships (verify,
+# security, restart settings).
 #
 # usage: package_test.sh CPACK BUILD_DIR MAX_EXPOSURE [EXPECTED_PATH...]
 set -u
@@ -34,6 +34,22 @@ grep -v '^[[:space:]]*\(#\|$\)' "$root/etc/kirn/ipcd.conf" && fail "ipcd.conf se
 for path in "$@"; do
     [ -e "$root/$path" ] || fail "/$path missing"
 done
+
+# Every program has its manual page; each page renders without a warning
+# from man or groff, and ipcd(8) quotes the usage text that ipcd prints.
+for program in "$root"/usr/bin/* "$root"/usr/sbin/*; do
+    name=${program##*/}
+    compgen -G "$root/usr/share/man/man[18]/$name.[18].gz" >/dev/null || fail "no manual page for $name"
+done
+for page in "$root"/usr/share/man/man*/*; do
+    warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -E UTF-8 -l "$page" 2>&1 >/dev/null)
+    [ -z "$warnings" ] || fail "${page#"$root"}: $warnings"
+done
+usage=$(env -u LOG_LEVEL "$root/usr/sbin/ipcd" --help)
+quoted=$(LC_ALL=C.UTF-8 MANWIDTH=200 man -l "$root/usr/share/man/man8/ipcd.8.gz" 2>/dev/null |
+    awk -v n="$(wc -l <<<"$usage")" '!indent && /Usage: ipcd/ { indent = index($0, "Usage:") }
+        indent && n-- > 0 { print substr($0, indent) }')
+[ "$quoted" = "$usage" ] || fail "ipcd(8) does not quote the usage text of ipcd --help"
 
 unit=$(find "$root" -path '*/systemd/system/ipcd.service')
 [ -f "$unit" ] || { echo "FAIL: no ipcd.service in the package"; exit 1; }
