@@ -40,8 +40,10 @@ constexpr const char* g_usage =
     "The RT side of ipcd's queue ports: writes records into RX and prints the\n"
     "records ipcd writes into TX, decoded through the signal catalogue.\n"
     "\n"
-    "  --rx PATH          RX port (default /dev/qport/telematics_kpx_receive)\n"
-    "  --tx PATH          TX port (default /dev/qport/telematics_kpx_send)\n"
+    "  --rx PATH          RX port (default " KORA_QPORT_DEFAULT_RX
+    ")\n"
+    "  --tx PATH          TX port (default " KORA_QPORT_DEFAULT_TX
+    ")\n"
     "  --catalogue FILE   signal catalogue (default $KIRN_RT_CATALOGUE, else\n"
     "                     /etc/kirn/rt_catalogue.json)\n"
     "  --capture FILE     also append every RX record to FILE (replay: ipcd -r FILE)\n"
@@ -183,8 +185,8 @@ bool load_scenario(const Catalogue& catalogue, const std::string& path, std::vec
 }
 
 struct Options {
-    std::string rx = "/dev/qport/telematics_kpx_receive";
-    std::string tx = "/dev/qport/telematics_kpx_send";
+    std::string rx = ipc::default_rx_port;
+    std::string tx = ipc::default_tx_port;
     std::string catalogue;
     std::string capture;
     std::string scenario;

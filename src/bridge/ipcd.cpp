@@ -53,8 +53,8 @@ std::uint32_t queue_size_of(const std::vector<std::uint8_t>& data) {
 std::uint32_t g_time_sync_id = 0;
 
 IPCd::IPCd(std::shared_ptr<com::ITransportClient>& transport)
-    : m_queue_rx("/dev/qport/telematics_kpx_receive"),
-      m_queue_tx("/dev/qport/telematics_kpx_send"),
+    : m_queue_rx(ipc::default_rx_port),
+      m_queue_tx(ipc::default_tx_port),
       m_transport(std::move(transport)),
       m_reader(*this) {
     m_tx_groups.reserve(10);

@@ -29,7 +29,15 @@
 #include "poll_source.h"
 #include "record_format.h"
 
+// The vehicle's two queue-port devices, the defaults wherever a port is not
+// named. Macros as well, so that help texts can join them into their literals.
+#define KORA_QPORT_DEFAULT_RX "/dev/qport/telematics_kpx_receive"
+#define KORA_QPORT_DEFAULT_TX "/dev/qport/telematics_kpx_send"
+
 namespace ecu::kora::ipc {
+
+inline constexpr const char* default_rx_port = KORA_QPORT_DEFAULT_RX;
+inline constexpr const char* default_tx_port = KORA_QPORT_DEFAULT_TX;
 
 template <std::size_t Depth>
 // NOLINTNEXTLINE(readability-identifier-naming): the platform's name for the record type
