@@ -67,13 +67,12 @@ bool mqtt_string(const std::string& key, const std::string& value) {
 bool readable_file(const std::string& key, const std::string& path) {
     struct stat st {};
     std::string reason;
-    if (::stat(path.c_str(), &st) != 0) {
-        reason = std::strerror(errno);
-    } else if (!S_ISREG(st.st_mode)) {
+    // A path that stat cannot see fails fopen with the same reason.
+    if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
         reason = "not a regular file";
-    } else if (std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                                    &std::fclose);
-               !file) {
+    } else if (std::FILE* file = std::fopen(path.c_str(), "rb"); file != nullptr) {
+        std::fclose(file);
+    } else {
         reason = std::strerror(errno);
     }
     if (!reason.empty()) {
