@@ -25,8 +25,9 @@ public:
     // The value, else the default, else an empty text; never throws.
     const std::string& get(const std::string& key) const;
 
-    // False, with an ERROR line naming the key, when a required key has neither
-    // value nor default or when "port" is not a number from 1 to 65535.
+    // False, with an ERROR line naming the key, when a required key reads as
+    // empty (no value and no default, or an empty value, which hides the
+    // default) or when "port" is set and not a number from 1 to 65535.
     bool verify() const;
 
     std::map<std::string, std::string>& values() { return m_values; }
