@@ -44,11 +44,13 @@ constexpr const char* g_usage =
     "The RT side of ipcd's queue ports: writes records into RX and prints the\n"
     "records ipcd writes into TX, decoded through the signal catalogue.\n"
     "\n"
-    "  --rx PATH          RX port (default /dev/qport/telematics_kpx_receive): a FIFO,\n"
+    "  --rx PATH          RX port (default " KORA_QPORT_DEFAULT_RX
+    "): a FIFO,\n"
     "                     made when missing, written once ipcd has opened it; or an\n"
     "                     existing regular file, written (truncated unless --append)\n"
     "                     for ipcd -r FILE, then ipcd-sim ends (no TX)\n"
-    "  --tx PATH          TX port (default /dev/qport/telematics_kpx_send), a FIFO,\n"
+    "  --tx PATH          TX port (default " KORA_QPORT_DEFAULT_TX
+    "), a FIFO,\n"
     "                     made when missing\n"
     "  --catalogue FILE   signal catalogue (default $KIRN_RT_CATALOGUE, else\n"
     "                     /etc/kirn/rt_catalogue.json)\n"
@@ -277,8 +279,8 @@ std::vector<Step> replay_steps(const std::string& path, std::vector<ipc::IpcSign
 }
 
 struct Options {
-    std::string rx = "/dev/qport/telematics_kpx_receive";
-    std::string tx = "/dev/qport/telematics_kpx_send";
+    std::string rx = ipc::default_rx_port;
+    std::string tx = ipc::default_tx_port;
     std::string catalogue;
     std::string capture;
     bool append = false;

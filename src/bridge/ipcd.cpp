@@ -53,8 +53,8 @@ std::uint32_t queue_size_of(const std::vector<std::uint8_t>& data) {
 std::uint32_t g_time_sync_id = 0;
 
 IPCd::IPCd(std::shared_ptr<com::ITransportClient>& transport)
-    : m_queue_rx("/dev/qport/telematics_kpx_receive"),
-      m_queue_tx("/dev/qport/telematics_kpx_send"),
+    : m_queue_rx(ipc::default_rx_port),
+      m_queue_tx(ipc::default_tx_port),
       m_transport(std::move(transport)),
       m_reader(*this) {
     m_tx_groups.reserve(10);
@@ -155,7 +155,7 @@ void IPCd::run() {
         std::lock_guard<std::mutex> lock(m_earlybird_mutex);
         return m_earlybird_done;
     }();
-    if (earlybird_done && m_earlybird_thread.joinable()) {
+    if (earlybird_done && m_earlybird_holding.exchange(false)) {
         m_earlybird_thread.join();
     }
     m_reporter->stopping(*m_transport);
@@ -190,8 +190,8 @@ void IPCd::finished() {
 }
 
 void IPCd::start_earlybird_thread() {
-    if (m_earlybird_thread.joinable()) {
-        std::terminate();
+    if (m_earlybird_holding.exchange(true)) {
+        std::terminate();  // started twice
     }
     m_earlybird_thread = std::thread([this] { earlybird_flush(); });
 }
@@ -230,7 +230,8 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
             line << "(subscribed) ";
         }
     }
-    if (!requested && !m_earlybird_thread.joinable() && !rt_topic.retained) {
+    const bool holding = m_earlybird_holding.load();
+    if (!requested && !holding && !rt_topic.retained) {
         RelayCounters::add(m_counters.dropped_unrequested);
         return;
     }
@@ -241,10 +242,11 @@ void IPCd::consume(const ipc::IpcSignal& signal) {
                          m_transport->client_name(), m_relay_frame);
     m_relay_frame.retained = rt_topic.retained;
 
-    if (m_earlybird_thread.joinable() && !rt_topic.retained) {
+    if (holding && !rt_topic.retained) {
         std::unique_lock<std::mutex> lock(m_earlybird_mutex);
         if (m_earlybird_done) {
             m_earlybird_thread.join();
+            m_earlybird_holding.store(false);
             if (!rt_topic.requested.load(std::memory_order_relaxed)) {
                 RelayCounters::add(m_counters.dropped_unrequested);
                 return;
@@ -468,8 +470,7 @@ void IPCd::send_to_rt(const std::string& topic, const com::Message& msg) {
     RelayCounters::add(m_counters.rttx_refused);
     logging::ALERT << g_log << "TX queue port is gone, there's nothing more to do."
                    << " The ECU will be restarted!";
-    // Its exit status changes nothing: the daemon ends either way.
-    [[maybe_unused]] int status = std::system("systemctl stop norvex");
+    stop_rt_service();
     m_reader.stop_requested = true;
 }
 

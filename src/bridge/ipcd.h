@@ -21,6 +21,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,6 +43,8 @@ namespace ecu::kora::ipcd {
 // RT id of "rt/system/time_sync"; set by run() before the reader thread starts
 // (tests of the relay set it themselves).
 extern std::uint32_t g_time_sync_id;
+
+struct IPCdTestPeer;
 
 class IPCd : public com::ISubscriptionObserver, public ipc::IDataConsumer<ipc::IpcSignal> {
 public:
@@ -93,30 +96,43 @@ public:
     // Starts the earlybird thread; run() does this once both ports are open.
     void start_earlybird_thread();
 
-    // Settings written by start-up before run(), read-only afterwards; the
-    // rest is the bridge's own state, public so that tests can look at it.
+    // Runs fn on the RX reader's thread every period while it reads: whoever
+    // needs proof that reading goes on (the watchdog). Before run().
+    void every_read_period(std::chrono::milliseconds period, std::function<void()> fn) {
+        m_reader.every(period, std::move(fn));
+    }
+
+    // Settings written by start-up before run(), read-only afterwards.
     std::string m_queue_rx;
     std::string m_queue_tx;
+    std::set<std::uint32_t> m_log_rt_signals;
+    bool m_log_queue_size = false;
     // Statistics every so often on the broker (0: never); the version they name.
     std::chrono::seconds m_stats_interval{10};
     std::string m_version;
+
+private:
+    // The unit tests' view of the state below (tests/unit/bridge_test.cpp).
+    friend struct IPCdTestPeer;
+
     std::shared_ptr<com::ITransportClient> m_transport;
     std::map<std::uint32_t, RequestTopic> m_rt_topics;
     std::uint32_t m_requested_count = 0;
     ipc::TxQueuePort m_writer;
     ipc::RxQueuePort m_reader;
-    std::set<std::uint32_t> m_log_rt_signals;
     std::deque<EarlybirdData> m_earlybird;
     std::thread m_earlybird_thread;
+    // Records are held for the earlybird thread: from its start until the
+    // reader joins it after its drain. Written by the start-up and reader
+    // threads.
+    std::atomic<bool> m_earlybird_holding{false};
     std::mutex m_earlybird_mutex;
     bool m_earlybird_done = false;
     std::mutex m_target_mutex;
     std::condition_variable m_target_cv;
     bool m_target_reached = false;
-    bool m_log_queue_size = false;
     std::unordered_map<std::string, rt::SignalGroup> m_tx_groups;
 
-private:
     RelayCounters m_counters;
     std::unique_ptr<StatsReporter> m_reporter;  // made by run()
 

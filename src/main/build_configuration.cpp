@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "logging.h"
+#include "queue_port.h"
 #include "transport_settings.h"
 
 namespace ecu::kora::ipcd {
@@ -78,6 +79,7 @@ std::unique_ptr<config::Configuration> build_configuration(const CommandLineOpti
                                                            const std::string& default_file) {
     auto config = std::make_unique<config::Configuration>();
     std::string reason;
+    const std::string& file = options.config_file.empty() ? default_file : options.config_file;
     if (!options.config_file.empty()) {
         if (read_config_file(options.config_file, config, reason) != FileRead::read) {
             logging::ERROR << g_log << "Config file '" << options.config_file << "': " << reason;
@@ -95,10 +97,11 @@ std::unique_ptr<config::Configuration> build_configuration(const CommandLineOpti
     com::add_transport_settings(*config);
     config->required_keys().insert("queue_rx");
     config->required_keys().insert("queue_tx");
-    config->defaults()["queue_rx"] = "/dev/qport/telematics_kpx_receive";
-    config->defaults()["queue_tx"] = "/dev/qport/telematics_kpx_send";
+    config->defaults()["queue_rx"] = ipc::default_rx_port;
+    config->defaults()["queue_tx"] = ipc::default_tx_port;
     config->defaults()["client_name"] = "ipcd";
     config->defaults()["stats_interval"] = std::to_string(default_stats_interval_s);
+    config->optional_keys().insert({"logmode", "loglevel", "log_queue_size", "log_rt_signal"});
 
     const std::string log_mode = config->get("logmode");
     if (!log_mode.empty() && !options.log_stdout) {
@@ -109,6 +112,8 @@ std::unique_ptr<config::Configuration> build_configuration(const CommandLineOpti
     } else if (!config->get("loglevel").empty()) {
         logging::configure_logging(config->get("loglevel"));
     }
+    // Once the log goes where the file says: a typo's warning is seen there.
+    config->report_unknown_keys(file);
     logging::enable("daemon", true);
 
     if (!options.host.empty()) {

@@ -57,13 +57,15 @@ int main(int argc, char** argv) {
     // The reading loop proves itself alive to the watchdog: a loop stuck in a
     // record (or a publish that never returns) stops the pings.
     if (const auto period = watchdog_period(); period.count() > 0) {
-        bridge.m_reader.every(std::chrono::duration_cast<std::chrono::milliseconds>(period / 2),
-                              &watchdog_alive);
+        bridge.every_read_period(std::chrono::duration_cast<std::chrono::milliseconds>(period / 2),
+                                 &watchdog_alive);
     }
 
-    // A stop signal ends the daemon the way the shutdown indication does:
-    // reading stops, the end of data is published, what waits for the broker
-    // is written within a bound, and the process ends with status 0.
+    // The first stop signal ends the daemon as the shutdown indication does
+    // (reading stops, the end of data is published, status 0), and in
+    // addition publishing stops waiting for a broker that takes nothing, so
+    // that what waits for it is written within a bound. A second signal ends
+    // the process at once (the supervisor's own doing).
     supervisor.start([&bridge](int signal) {
         logging::NOTICE << log << "Received " << (signal == SIGTERM ? "SIGTERM" : "SIGINT")
                         << ", stopping";

@@ -34,6 +34,8 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
     };
     const std::string absent = std::to_string(free_port());
     const std::string sample = "KIRN_RT_CATALOGUE=" + g_sample_catalogue;
+    const TlsFiles tls;
+    const std::string ca = "tls_cafile=" + tls.file("ca.crt") + "\n";
     const struct {
         std::vector<std::string> args;
         std::string env;
@@ -49,6 +51,10 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
         {{"-L", "-c", dir.path()}, sample, 1, "': not a regular file", ""},
         {{"-L", "-c", conf("tls_cafile=/nope/ca.crt\n")}, sample, 1,
          "transport setting 'tls_cafile' names '/nope/ca.crt', which cannot be read: No such file", ""},
+        {{"-L", "-p", absent, "-c", conf("tls_cafile=" + tls.file("ca.key") + "\n")}, sample, 1,
+         "transport setting 'tls_cafile' names '" + tls.file("ca.key") + "', which holds no usable CA certificate", "MQTT"},
+        {{"-L", "-p", absent, "-c", conf(ca + "tls_certfile=" + tls.file("client.crt") + "\ntls_keyfile=" + tls.file("server.key"))}, sample, 1,
+         "transport setting 'tls_keyfile' names '" + tls.file("server.key") + "', whose key does not belong to the certificate of 'tls_certfile'", "MQTT"},
         {{"-L", "-c", conf("tls_certfile=/c\n")}, sample, 1,
          "transport setting 'tls_certfile' is set without 'tls_keyfile'", ""},
         {{"-L", "-c", conf("password=Hunter2\n")}, sample, 1,

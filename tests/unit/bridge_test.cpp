@@ -16,6 +16,17 @@ using ecu::kora::ipc::IpcSignal;
 using namespace ipcd_test;
 using Topics = std::vector<std::string>;
 
+// The bridge's own state, as the tests set and look at it.
+struct ecu::kora::ipcd::IPCdTestPeer {
+    IPCd& bridge;
+    auto& rt_topics() { return bridge.m_rt_topics; }
+    auto& earlybird() { return bridge.m_earlybird; }
+    auto& earlybird_thread() { return bridge.m_earlybird_thread; }
+    auto& reader() { return bridge.m_reader; }
+    auto& writer() { return bridge.m_writer; }
+    auto& tx_groups() { return bridge.m_tx_groups; }
+};
+
 namespace {
 
 // Records what the bridge publishes; a test can hold a publishing thread
@@ -82,6 +93,7 @@ protected:
         bridge->message("system/tpa/status", message(tpa(true, true)));
         ASSERT_TRUE(log.wait_for("Earlybird message processing done."));
     }
+    ecu::kora::ipcd::IPCdTestPeer peer() const { return {*bridge}; }
     pb::RtSignal relayed(std::size_t i) const {
         return unframed<pb::RtSignal>(fake->published().at(i).second.payload);
     }
@@ -93,7 +105,7 @@ protected:
 };
 
 TEST_F(Bridge, RelayedFrameCarriesTheRecordAndEndOfDataIsOneRetainedByte) {
-    bridge->m_rt_topics.at(10).requested = true;
+    peer().rt_topics().at(10).requested = true;
     bridge->consume(record(10, {0xde, 0xad}, 123456789));
     bridge->consume(record(10, {}, 5));
     bridge->finished();
@@ -110,18 +122,18 @@ TEST_F(Bridge, RelayedFrameCarriesTheRecordAndEndOfDataIsOneRetainedByte) {
 
 TEST_F(Bridge, RouteTableRowByRow) {
     logging::configure_logging("INFO");
-    bridge->m_rt_topics.at(11).requested = true;
+    peer().rt_topics().at(11).requested = true;
     bridge->start_earlybird_thread();
     for (std::uint32_t id : {10, 11, 12}) {  // held: retained at once, the rest queued
         bridge->consume(record(id));
     }
     EXPECT_EQ(fake->published_topics(), Topics{"rt/r"});
     EXPECT_TRUE(fake->published()[0].second.retained);
-    EXPECT_EQ(bridge->m_earlybird.size(), 2U);
+    EXPECT_EQ(peer().earlybird().size(), 2U);
     release();
     EXPECT_EQ(fake->published_topics(), (Topics{"rt/r", "rt/b"}));
     bridge->consume(record(10));  // flush done, not requested: joins, dropped
-    EXPECT_FALSE(bridge->m_earlybird_thread.joinable());
+    EXPECT_FALSE(peer().earlybird_thread().joinable());
     bridge->consume(record(11));  // joined: requested and retained go out
     bridge->consume(record(12));
     log.clear();
@@ -131,18 +143,18 @@ TEST_F(Bridge, RouteTableRowByRow) {
     EXPECT_EQ(log.lines().size(), 1U);
 
     make_bridge(g_catalogue);  // flush done and requested: joins, then publishes
-    bridge->m_rt_topics.at(10).requested = true;
+    peer().rt_topics().at(10).requested = true;
     bridge->start_earlybird_thread();
     release();
     bridge->consume(record(10));
-    EXPECT_FALSE(bridge->m_earlybird_thread.joinable());
+    EXPECT_FALSE(peer().earlybird_thread().joinable());
     EXPECT_EQ(fake->published_topics(), Topics{"rt/a"});
 }
 
 TEST_F(Bridge, DiagnosticLines) {
     logging::configure_logging("INFO");
-    bridge->m_rt_topics.at(11).requested = true;
-    bridge->m_rt_topics.at(12).requested = true;
+    peer().rt_topics().at(11).requested = true;
+    peer().rt_topics().at(12).requested = true;
     bridge->m_log_rt_signals = {42, 10};
     for (std::uint32_t id : {12, 11, 10}) {
         bridge->consume(record(id));
@@ -217,7 +229,7 @@ TEST_F(Bridge, TargetStatusRules) {
 
     make_bridge(g_catalogue);  // a failed publish is not counted as published
     fake->publish_result = 0;
-    bridge->m_rt_topics.at(10).requested = true;
+    peer().rt_topics().at(10).requested = true;
     bridge->start_earlybird_thread();
     bridge->consume(record(10));
     release();
@@ -265,7 +277,7 @@ TEST_F(Bridge, SystemStateAndDispatch) {
     bridge->message("system/state/rt", message(framed(state)));
     EXPECT_TRUE(log.has(logging::debug, "system-state value: '0'"));
     EXPECT_TRUE(log.has(logging::debug, "system-state value: '3'"));
-    EXPECT_FALSE(bridge->m_reader.stop_requested);
+    EXPECT_FALSE(peer().reader().stop_requested);
     bridge->message("system/state/rt", message(Bytes(17, 0xff)));
     EXPECT_TRUE(log.has(logging::error,
                         "Unable to deserialize message on system/state/rt topic. error(1)"));
@@ -276,17 +288,17 @@ TEST_F(Bridge, SystemStateAndDispatch) {
     state.set_data("\x04\x09");
     bridge->message("system/state/rt", message(framed(state)));
     EXPECT_TRUE(log.has(logging::notice, "Received shutdown indication!"));
-    EXPECT_TRUE(bridge->m_reader.stop_requested);
+    EXPECT_TRUE(peer().reader().stop_requested);
 }
 
 TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
     logging::configure_logging("DEBUG");
     bridge->m_log_rt_signals = {10};
-    ASSERT_TRUE(bridge->m_writer.open(dir.write("tx", "")));
+    ASSERT_TRUE(peer().writer().open(dir.write("tx", "")));
     // A signal the group lacks: refused, and nothing cached.
     bridge->message("rttx/a", message(group_data({{"A", "\x09\x09"}, {"Z", "\x01"}}, 1)));
     EXPECT_TRUE(log.has(logging::error, "Unpacking of SignalGroup for topic 'rt/a' failed"));
-    EXPECT_EQ(bridge->m_tx_groups.count("rt/a"), 0U);
+    EXPECT_EQ(peer().tx_groups().count("rt/a"), 0U);
     bridge->message("rttx/a", message(group_data({{"B", "\x03\x04"}}, 100)));
     bridge->message("rttx/a", message(group_data({{"A", "\x01\x02"}}, 200)));
     bridge->message("rttx/a", message(group_data({{"B", "\x05"}}, 300)));

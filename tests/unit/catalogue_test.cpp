@@ -15,8 +15,9 @@ using Names = std::vector<std::string>;
 const char* const g_catalogue = R"({"version": 3, "groups": [
     {"topic": "rt/a", "id": 10, "retained": true, "size": 8, "comment": "extra keys are ignored",
      "signals": [{"name": "x", "offset": 0, "size": 2}, {"name": "y", "offset": 2, "size": 4},
-                 {"name": "z", "offset": 7, "size": 1}]},
-    {"topic": "rt/a/b", "id": 7, "size": 4, "signals": []},
+                 {"name": "z", "offset": 7, "size": 1, "nmae": {"topic": 1}}]},
+    {"topic": "rt/a/b", "id": 7, "size": 4, "signals": [], "retianed": true},
+    {"topic": "rt/zero", "id": 0, "size": 4, "signals": []},
     {"topic": "rt/c", "id": 7, "size": 4, "signals": []},
     {"topic": "rt/a/b", "id": 8, "retained": true, "size": 4, "signals": []}]})";
 
@@ -30,7 +31,23 @@ TEST(Catalogue, LoadsLooksUpAndRefusesWhatCannotWork) {
     ipcd_test::LogCapture log;
     ecu::kora::rt::SignalAdapter adapter;
     ASSERT_TRUE(adapter.load(dir.write("c.json", g_catalogue)));
-    EXPECT_EQ(log.find("groups[2]: RT id 7 of 'rt/c' is already the id of 'rt/a/b'").size(), 1U);
+    const std::string named = "Signal catalogue '" + dir.file("c.json") + "'";
+    const std::string known_but_unread[] = {
+        // clang-format off
+        named + " line 1: top level: unknown key 'version' is ignored",
+        named + " line 2: groups[0]: unknown key 'comment' is ignored",
+        named + " line 4: groups[0].signals[2]: unknown key 'nmae' is ignored (did you mean name?)",
+        named + " line 5: groups[1]: unknown key 'retianed' is ignored (did you mean retained?)",
+        named + ": groups[2]: 'rt/zero' has RT id 0, which every lookup of its topic returns for \"not found\": no client can request it or write to it",
+        named + ": groups[3]: RT id 7 of 'rt/c' is already the id of 'rt/a/b'",
+        // clang-format on
+    };
+    ASSERT_EQ(log.lines().size(), std::size(known_but_unread));
+    for (std::size_t i = 0; i < std::size(known_but_unread); ++i) {
+        EXPECT_EQ(log.lines()[i].text, known_but_unread[i]);
+        EXPECT_EQ(log.lines()[i].severity, ecu::kora::logging::warning);
+    }
+    EXPECT_EQ(adapter.map_topic_to_rtid("rt/zero"), 0U);  // loaded all the same
     EXPECT_EQ(adapter.get_topics("rt/a"), (Names{"rt/a", "rt/a/b", "rt/a/b"}));
     EXPECT_EQ(adapter.map_topic_to_rtid("rt/a/b"), 7U);  // a repeated topic: its first group
     EXPECT_FALSE(adapter.is_topic_retained("rt/a/b"));
@@ -89,6 +106,9 @@ TEST(Catalogue, UnpacksIntoAPaddedImageOrSaysWhyNot) {
     };
     for (const auto& [topic, message, text] : failures) {
         EXPECT_EQ(std::get<2>(adapter.unpack(topic, message)), text);
+        // The reason a client's message is refused is seen at the default level.
+        EXPECT_TRUE(log.has(ecu::kora::logging::warning,
+                            "Unpacking for '" + std::string(topic) + "': " + text));
     }
 }
 

@@ -81,8 +81,15 @@ TEST(StartUp, OptionOverFileOverDefault) {
     options.host = "o";
     options.loglevel = "DEBUG";
     config = ipcd::build_configuration(
-        options, dir.write("a.conf", "queue_rx=/f/rx\nqueue_tx=/f/tx\nhost=f\nloglevel=INFO\n"));
-    ASSERT_TRUE(config);
+        options, dir.write("a.conf",
+                           "queue_rx=/f/rx\nqueue_tx=/f/tx\nhost=f\nloglevel=INFO\n"
+                           "tls_cafle=/ca.pem\nkeepalive=9\nfoo=1\n"));
+    ASSERT_TRUE(config);  // a typo is loud, not fatal
+    const std::string in_a = "Configuration file '" + dir.file("a.conf") + "' line ";
+    EXPECT_EQ(log.find("unknown key").size(), 2U);
+    EXPECT_TRUE(log.has(logging::warning, in_a + "5: unknown key 'tls_cafle' is ignored (did you "
+                                                 "mean tls_cafile?)"));
+    EXPECT_TRUE(log.has(logging::warning, in_a + "7: unknown key 'foo' is ignored"));
     EXPECT_EQ(config->get("queue_rx") + config->get("queue_tx") + config->get("host"),
               "/o/rx/f/txo");
     EXPECT_TRUE(log.has(logging::debug, "Setting hostname to o"));

@@ -5,12 +5,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <unordered_set>
 
+#include "configuration.h"
 #include "logging.h"
 #include "message_adapter.h"
 #include "qtx_header.pb.h"
@@ -186,6 +189,106 @@ std::vector<GroupDefinition> parse_catalogue(const json& root) {
     return groups;
 }
 
+// A key of the file that no part of the schema reads: a typo, most likely.
+struct UnknownKey {
+    std::size_t line;
+    std::string path;
+    std::string key;
+    std::string meant;  // the nearest known key, if one is close
+};
+
+// The text as the parser reads it, one character at a time, counting the
+// line it has reached: the parser itself tells no positions but in errors.
+class LineCountingIterator {
+public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    LineCountingIterator(const char* at, std::size_t* line) : m_at(at), m_line(line) {}
+    reference operator*() const { return *m_at; }
+    LineCountingIterator& operator++() {
+        if (*m_at == '\n') {
+            ++*m_line;
+        }
+        ++m_at;
+        return *this;
+    }
+    bool operator==(const LineCountingIterator& other) const { return m_at == other.m_at; }
+    bool operator!=(const LineCountingIterator& other) const { return m_at != other.m_at; }
+
+private:
+    const char* m_at;
+    std::size_t* m_line;
+};
+
+// Parses the text and lists the keys of the top level, the groups and the
+// signals that the schema does not know, with the line each was read on.
+json parse_noting_unknown_keys(const std::string& text, std::vector<UnknownKey>& unknown) {
+    enum class Kind { top, groups, group, signals, signal, other };
+    struct Container {
+        Kind kind;
+        bool array;
+        std::string path;
+        std::size_t index = 0;  // of the next element, in an array
+        std::string key;        // the last key read, in an object
+    };
+    static const std::set<std::string> top_keys = {"groups"};
+    static const std::set<std::string> group_keys = {"topic", "id", "retained", "size", "signals"};
+    static const std::set<std::string> signal_keys = {"name", "offset", "size"};
+
+    std::size_t line = 1;
+    std::vector<Container> open;
+    auto note = [&](int /*depth*/, json::parse_event_t event, json& parsed) {
+        using E = json::parse_event_t;
+        if (event == E::object_start || event == E::array_start) {
+            const bool array = event == E::array_start;
+            if (open.empty()) {
+                open.push_back({array ? Kind::other : Kind::top, array, "top level", 0, {}});
+                return true;
+            }
+            const Container& parent = open.back();
+            Kind kind = Kind::other;
+            if (parent.kind == Kind::top && array && parent.key == "groups") {
+                kind = Kind::groups;
+            } else if (parent.kind == Kind::groups && !array) {
+                kind = Kind::group;
+            } else if (parent.kind == Kind::group && array && parent.key == "signals") {
+                kind = Kind::signals;
+            } else if (parent.kind == Kind::signals && !array) {
+                kind = Kind::signal;
+            }
+            std::string path = parent.array ? parent.path + "[" + std::to_string(parent.index) + "]"
+                               : parent.kind == Kind::top ? parent.key
+                                                          : parent.path + "." + parent.key;
+            open.push_back({kind, array, std::move(path), 0, {}});
+        } else if (event == E::object_end || event == E::array_end) {
+            open.pop_back();
+            if (!open.empty()) {
+                ++open.back().index;
+            }
+        } else if (event == E::key && !open.empty()) {
+            Container& object = open.back();
+            object.key = parsed.get<std::string>();
+            const std::set<std::string>* known = object.kind == Kind::top      ? &top_keys
+                                                 : object.kind == Kind::group  ? &group_keys
+                                                 : object.kind == Kind::signal ? &signal_keys
+                                                                               : nullptr;
+            if (known != nullptr && known->count(object.key) == 0) {
+                unknown.push_back(
+                    {line, object.path, object.key, config::nearest_key(object.key, *known)});
+            }
+        } else if (event == E::value && !open.empty()) {
+            ++open.back().index;
+        }
+        return true;
+    };
+    return json::parse(LineCountingIterator(text.data(), &line),
+                       LineCountingIterator(text.data() + text.size(), &line), note);
+}
+
 // nlohmann reports the byte count read up to the failing character; editors
 // think in lines and columns, so translate.
 std::string parse_error_place(const std::string& text, std::size_t byte) {
@@ -308,8 +411,9 @@ bool SignalAdapter::load(const std::string& path) {
     }
 
     std::vector<GroupDefinition> definitions;
+    std::vector<UnknownKey> unknown_keys;
     try {
-        definitions = parse_catalogue(json::parse(*text));
+        definitions = parse_catalogue(parse_noting_unknown_keys(*text, unknown_keys));
     } catch (const json::parse_error& e) {
         logging::ERROR << catalogue_log() << name << ": not valid JSON at "
                        << parse_error_place(*text, e.byte) << ": " << parse_error_reason(e);
@@ -322,11 +426,26 @@ bool SignalAdapter::load(const std::string& path) {
         return false;
     }
 
+    for (const auto& u : unknown_keys) {
+        auto warning = logging::WARNING << catalogue_log();
+        warning << name << " line " << u.line << ": " << u.path << ": unknown key '" << u.key
+                << "' is ignored";
+        if (!u.meant.empty()) {
+            warning << " (did you mean " << u.meant << "?)";
+        }
+    }
+
     // Allowed, but only the first topic of an id receives its RT records:
     // say which topics clash, the daemon's own line cannot.
     std::unordered_map<std::uint32_t, const GroupDefinition*> first_of_id;
     for (std::size_t i = 0; i < definitions.size(); ++i) {
         const GroupDefinition& def = definitions[i];
+        if (def.id == 0) {
+            // Loads all the same: other programs read such files.
+            logging::WARNING << catalogue_log() << name << ": groups[" << i << "]: '" << def.topic
+                             << "' has RT id 0, which every lookup of its topic returns for"
+                             << " \"not found\": no client can request it or write to it";
+        }
         auto [first, inserted] = first_of_id.try_emplace(def.id, &def);
         if (!inserted) {
             logging::WARNING << catalogue_log() << name << ": groups[" << i << "]: RT id " << def.id
@@ -381,7 +500,8 @@ const SignalGroup* SignalAdapter::find_group(const std::string& topic) const {
 std::tuple<bool, SignalGroup, std::string> SignalAdapter::unpack(const std::string& topic,
                                                                  const com::Message& msg) const {
     auto fail = [&topic](std::string error) {
-        logging::DEBUG << catalogue_log() << "Unpacking for '" << topic << "': " << error;
+        // The reason a client's message is refused; its sender needs it.
+        logging::WARNING << catalogue_log() << "Unpacking for '" << topic << "': " << error;
         return std::make_tuple(false, SignalGroup{}, std::move(error));
     };
     const SignalGroup* definition = find_group(topic);

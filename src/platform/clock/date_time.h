@@ -1,5 +1,8 @@
 #pragma once
 
+// The platform's clock: time since boot, which keeps counting through a
+// suspend and never jumps with the wall clock, for frame and record stamps.
+
 #include <cstdint>
 
 namespace ecu::kora {

@@ -1,5 +1,8 @@
 #include "configuration.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "logging.h"
 
 namespace ecu::kora::config {
@@ -53,6 +56,25 @@ bool Configuration::verify() const {
     return ok;
 }
 
+void Configuration::report_unknown_keys(const std::string& file) const {
+    std::set<std::string> known = m_required;
+    known.insert(m_optional.begin(), m_optional.end());
+    for (const auto& entry : m_defaults) {
+        known.insert(entry.first);
+    }
+    for (const auto& [key, line] : m_lines) {
+        if (known.count(key) != 0) {
+            continue;
+        }
+        auto warning = logging::WARNING << log();
+        warning << "Configuration file '" << file << "' line " << line << ": unknown key '" << key
+                << "' is ignored";
+        if (const std::string meant = nearest_key(key, known); !meant.empty()) {
+            warning << " (did you mean " << meant << "?)";
+        }
+    }
+}
+
 int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& input) {
     if (!config) {
         config = std::make_unique<Configuration>();
@@ -80,6 +102,7 @@ int set_config_from_input(std::unique_ptr<Configuration>& config, std::istream& 
             continue;
         }
         config->values()[key] = trim(content.substr(eq + 1));
+        config->m_lines[key] = number;
     }
     return skipped;
 }
@@ -99,6 +122,42 @@ std::optional<long> whole_number(const std::string& text, long low, long high) {
         }
     }
     return value >= low ? std::optional<long>(value) : std::nullopt;
+}
+
+std::string nearest_key(const std::string& key, const std::set<std::string>& known) {
+    constexpr std::size_t most = 2;
+    std::string best;
+    std::size_t best_distance = most + 1;
+    for (const auto& candidate : known) {
+        const std::size_t n = key.size();
+        const std::size_t m = candidate.size();
+        if ((n > m ? n - m : m - n) > most) {
+            continue;
+        }
+        // Optimal string alignment distance: a swap of neighbours is one edit.
+        std::vector<std::vector<std::size_t>> d(n + 1, std::vector<std::size_t>(m + 1));
+        for (std::size_t i = 0; i <= n; ++i) {
+            d[i][0] = i;
+        }
+        for (std::size_t j = 0; j <= m; ++j) {
+            d[0][j] = j;
+        }
+        for (std::size_t i = 1; i <= n; ++i) {
+            for (std::size_t j = 1; j <= m; ++j) {
+                const std::size_t cost = key[i - 1] == candidate[j - 1] ? 0 : 1;
+                d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+                if (i > 1 && j > 1 && key[i - 1] == candidate[j - 2] &&
+                    key[i - 2] == candidate[j - 1]) {
+                    d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+                }
+            }
+        }
+        if (d[n][m] < best_distance) {
+            best_distance = d[n][m];
+            best = candidate;
+        }
+    }
+    return best;
 }
 
 bool is_port_number(const std::string& text) {

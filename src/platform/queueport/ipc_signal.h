@@ -1,5 +1,8 @@
 #pragma once
 
+// The record that passes through a queue port, and the interface of whoever
+// receives the records a reader delivers.
+
 #include <cstdint>
 #include <vector>
 

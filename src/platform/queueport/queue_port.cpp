@@ -102,7 +102,7 @@ StopRequest& StopRequest::operator=(bool value) {
 }
 
 template <std::size_t Depth, typename Record>
-QueuePortReader<Depth, Record>::QueuePortReader(IDataConsumer<IpcSignal>& consumer)
+QueuePortReader<Depth, Record>::QueuePortReader(IDataConsumer<Signal>& consumer)
     : m_consumer(consumer) {}
 
 template <std::size_t Depth, typename Record>
@@ -167,7 +167,7 @@ void QueuePortReader<Depth, Record>::read_loop() {
         !sys_call("fstat", [&] { return ::fstat(m_fd, &st); }).failed() && S_ISFIFO(st.st_mode);
 
     RecordDecoder decoder;
-    IpcSignal record;
+    Signal record;
     std::size_t damage = 0;  // bytes of the damaged stretch not yet reported
     bool explained = false;  // its line is written already: count it only
     bool ended = false;
@@ -341,7 +341,7 @@ bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
 }
 
 template <std::size_t Depth, typename Record>
-bool QueuePortWriter<Depth, Record>::transmit_data(const IpcSignal& signal) {
+bool QueuePortWriter<Depth, Record>::transmit_data(const Signal& signal) {
     if (m_fd < 0) {
         logging::ERROR << port_log() << "TX queue port " << m_path << " is not open";
         return false;

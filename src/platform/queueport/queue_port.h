@@ -10,8 +10,9 @@
 // wake-ups.
 //
 // Template parameters: Depth is the depth of the vehicle's queue port in
-// records (24 for RX, 8 for TX), and signal_t_dyn<Depth> the record type of
-// such a port, with a payload of any length up to the record limit. On a FIFO
+// records (24 for RX, 8 for TX), and Record (signal_t_dyn<Depth>) the record
+// type of such a port, with a payload of any length up to the record limit:
+// its value_type is what the port delivers or takes. On a FIFO
 // the reader hands at most Depth records to its consumer between two looks at
 // stop_requested, and the writer waits at most Depth x 125 ms for room in a
 // full device (the time the RT side gets to drain a full queue) before it
@@ -29,7 +30,15 @@
 #include "poll_source.h"
 #include "record_format.h"
 
+// The vehicle's two queue-port devices, the defaults wherever a port is not
+// named. Macros as well, so that help texts can join them into their literals.
+#define KORA_QPORT_DEFAULT_RX "/dev/qport/telematics_kpx_receive"
+#define KORA_QPORT_DEFAULT_TX "/dev/qport/telematics_kpx_send"
+
 namespace ecu::kora::ipc {
+
+inline constexpr const char* default_rx_port = KORA_QPORT_DEFAULT_RX;
+inline constexpr const char* default_tx_port = KORA_QPORT_DEFAULT_TX;
 
 template <std::size_t Depth>
 // NOLINTNEXTLINE(readability-identifier-naming): the platform's name for the record type
@@ -65,13 +74,17 @@ private:
 // its own until the device ends or stop_requested is set.
 template <std::size_t Depth, typename Record>
 class QueuePortReader {
+    static_assert(Record::depth == Depth, "the record type of another port depth");
+
 public:
+    using Signal = typename Record::value_type;
+
     // A record whose declared bytes have not all arrived this long after its
     // header is damage: the records behind it are not held back by it.
     static constexpr std::chrono::milliseconds partial_record_wait{300};
 
     // The consumer is not owned; it must outlive the reading loop.
-    explicit QueuePortReader(IDataConsumer<IpcSignal>& consumer);
+    explicit QueuePortReader(IDataConsumer<Signal>& consumer);
     QueuePortReader(const QueuePortReader&) = delete;
     QueuePortReader& operator=(const QueuePortReader&) = delete;
     virtual ~QueuePortReader();
@@ -110,7 +123,7 @@ private:
 
     std::vector<Timer> m_timers;
     loop::IPollSource* m_source = nullptr;
-    IDataConsumer<IpcSignal>& m_consumer;
+    IDataConsumer<Signal>& m_consumer;
     int m_fd = -1;
     std::string m_path;
 };
@@ -118,7 +131,11 @@ private:
 // The TX port; used from one thread.
 template <std::size_t Depth, typename Record>
 class QueuePortWriter {
+    static_assert(Record::depth == Depth, "the record type of another port depth");
+
 public:
+    using Signal = typename Record::value_type;
+
     QueuePortWriter() = default;
     QueuePortWriter(const QueuePortWriter&) = delete;
     QueuePortWriter& operator=(const QueuePortWriter&) = delete;
@@ -130,7 +147,7 @@ public:
 
     // Writes one record in one write(). False when the port is no longer
     // usable (reader gone, write error, no room within the wait above).
-    bool transmit_data(const IpcSignal& signal);
+    bool transmit_data(const Signal& signal);
 
 private:
     int m_fd = -1;

@@ -61,6 +61,11 @@ void application_status(const std::string& text) {
     notify("STATUS=" + text);
 }
 
+void stop_rt_service() {
+    const std::string command = std::string("systemctl stop ") + rt_service;
+    [[maybe_unused]] const int status = std::system(command.c_str());
+}
+
 std::chrono::microseconds watchdog_period() {
     std::uint64_t usec = 0;
     if (sd_watchdog_enabled(0, &usec) <= 0) {

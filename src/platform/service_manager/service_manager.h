@@ -26,6 +26,13 @@ std::chrono::microseconds watchdog_period();
 // at about half the period.
 void watchdog_alive();
 
+// The RT side's service on this partition, which the daemon stops when the
+// RT partition can no longer be written to.
+inline constexpr const char* rt_service = "norvex";
+// Runs "systemctl stop " + rt_service and waits for it; its outcome is not
+// examined (the caller ends either way).
+void stop_rt_service();
+
 namespace ipc {
 
 // The process-wide notifier object: one static instance lives for the whole

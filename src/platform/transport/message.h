@@ -1,5 +1,8 @@
 #pragma once
 
+// The broker message as the transport client takes and delivers it: payload
+// bytes with their QoS, retain flag and framing stamp.
+
 #include <cstdint>
 #include <vector>
 

@@ -1,6 +1,9 @@
 #include "mqtt_settings.h"
 
 #include <mosquitto.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -64,17 +67,79 @@ bool mqtt_string(const std::string& key, const std::string& value) {
 bool readable_file(const std::string& key, const std::string& path) {
     struct stat st {};
     std::string reason;
-    if (::stat(path.c_str(), &st) != 0) {
-        reason = std::strerror(errno);
-    } else if (!S_ISREG(st.st_mode)) {
+    // A path that stat cannot see fails fopen with the same reason.
+    if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
         reason = "not a regular file";
-    } else if (std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                                    &std::fclose);
-               !file) {
+    } else if (std::FILE* file = std::fopen(path.c_str(), "rb"); file != nullptr) {
+        std::fclose(file);
+    } else {
         reason = std::strerror(errno);
     }
     if (!reason.empty()) {
         refuse(key, "names '" + path + "', which cannot be read: " + reason);
+        return false;
+    }
+    return true;
+}
+
+// The reason OpenSSL gives first for its last failure; its error queue is
+// left empty.
+std::string openssl_reason() {
+    const unsigned long first = ERR_get_error();
+    ERR_clear_error();
+    const char* reason = first != 0 ? ERR_reason_error_string(first) : nullptr;
+    return reason != nullptr ? reason : "no reason given";
+}
+
+// A PEM key needing a passphrase cannot be used by a daemon: refuse rather
+// than prompt on a terminal.
+int no_passphrase(char*, int, int, void*) {
+    return 0;
+}
+
+// The TLS files as the handshake will use them. Without this a CA file with
+// no certificate in it, or a key of another certificate, fails only in the
+// handshake, where the key at fault is not known any more.
+bool usable_tls_files(const MqttSettings& s) {
+    if (s.tls_cafile.empty()) {
+        return true;
+    }
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> tls(SSL_CTX_new(TLS_client_method()),
+                                                     &SSL_CTX_free);
+    if (!tls) {
+        refuse("tls_cafile", "cannot be checked: " + openssl_reason());
+        return false;
+    }
+    if (SSL_CTX_load_verify_locations(tls.get(), s.tls_cafile.c_str(), nullptr) != 1) {
+        refuse("tls_cafile", "names '" + s.tls_cafile +
+                                 "', which holds no usable CA certificate: " + openssl_reason());
+        return false;
+    }
+    if (s.tls_certfile.empty()) {
+        return true;
+    }
+    if (SSL_CTX_use_certificate_chain_file(tls.get(), s.tls_certfile.c_str()) != 1) {
+        refuse("tls_certfile", "names '" + s.tls_certfile +
+                                   "', which holds no usable certificate: " + openssl_reason());
+        return false;
+    }
+    std::unique_ptr<BIO, int (*)(BIO*)> file(BIO_new_file(s.tls_keyfile.c_str(), "r"), &BIO_free);
+    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
+        file ? PEM_read_bio_PrivateKey(file.get(), nullptr, &no_passphrase, nullptr) : nullptr,
+        &EVP_PKEY_free);
+    if (!key) {
+        refuse("tls_keyfile",
+               "names '" + s.tls_keyfile +
+                   "', which holds no usable private key (PEM, without a passphrase): " +
+                   openssl_reason());
+        return false;
+    }
+    if (SSL_CTX_use_PrivateKey(tls.get(), key.get()) != 1 ||
+        SSL_CTX_check_private_key(tls.get()) != 1) {
+        ERR_clear_error();
+        refuse("tls_keyfile", "names '" + s.tls_keyfile +
+                                  "', whose key does not belong to the certificate of "
+                                  "'tls_certfile'");
         return false;
     }
     return true;
@@ -138,6 +203,9 @@ std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& conf
         if (!path.empty() && !readable_file(key, path)) {
             return std::nullopt;
         }
+    }
+    if (!usable_tls_files(s)) {
+        return std::nullopt;
     }
     return s;
 }

@@ -29,8 +29,9 @@ struct MqttSettings {
 
 // The settings; nothing (after one ERROR line naming the key and the reason)
 // when a set value cannot work: a number out of range or not a number, a TLS
-// file that cannot be read, a certificate without its key or the other way
-// round, a client certificate without a CA, a password without a user, a
+// file that cannot be read or used (a CA file without a certificate, a key
+// that is not the certificate's), a certificate without its key or the other
+// way round, a client certificate without a CA, a password without a user, a
 // client name or user the protocol cannot carry. Secret values are never
 // logged.
 std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& config);

@@ -1,3 +1,8 @@
+// MqttClient, its session (the rest of the class is in mqtt_client.cpp):
+// setting the connection up, the first connection with its bounded wait and
+// its reason when it fails, the network thread with its reconnections, and
+// stopping that thread.
+
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <poll.h>
@@ -11,10 +16,6 @@
 
 #include "mosquitto_text.h"
 #include "mqtt_client.h"
-
-// The session's beginning and end: setting the connection up, the first
-// connection with its bounded wait and its reason when it fails, and stopping
-// the network thread.
 
 namespace ecu::kora::com {
 
