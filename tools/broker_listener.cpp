@@ -49,18 +49,7 @@ bool BrokerListener::open() {
         error_line("cannot make an MQTT client: out of memory");
         return false;
     }
-    int rc = MOSQ_ERR_SUCCESS;
-    if (!m_settings.username.empty()) {
-        const std::string& password = m_settings.password;
-        rc = mosquitto_username_pw_set(m_mosq, m_settings.username.c_str(),
-                                       password.empty() ? nullptr : password.c_str());
-    }
-    if (rc == MOSQ_ERR_SUCCESS && !m_settings.tls_cafile.empty()) {
-        auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
-        rc =
-            mosquitto_tls_set(m_mosq, m_settings.tls_cafile.c_str(), nullptr,
-                              file(m_settings.tls_certfile), file(m_settings.tls_keyfile), nullptr);
-    }
+    int rc = com::apply_login_and_tls(m_mosq, m_settings);
     if (rc == MOSQ_ERR_SUCCESS) {
         rc = mosquitto_connect(m_mosq, m_settings.host.c_str(), m_settings.port,
                                m_settings.keepalive);

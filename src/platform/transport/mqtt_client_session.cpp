@@ -87,16 +87,8 @@ std::string tcp_refusal(const std::string& host, int port, std::chrono::millisec
 
 bool MqttClient::configure_session() {
     int rc = mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
-    if (rc == MOSQ_ERR_SUCCESS && !m_settings.username.empty()) {
-        const std::string& password = m_settings.password;
-        rc = mosquitto_username_pw_set(m_mosq, m_settings.username.c_str(),
-                                       password.empty() ? nullptr : password.c_str());
-    }
-    if (rc == MOSQ_ERR_SUCCESS && !m_settings.tls_cafile.empty()) {
-        auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
-        rc =
-            mosquitto_tls_set(m_mosq, m_settings.tls_cafile.c_str(), nullptr,
-                              file(m_settings.tls_certfile), file(m_settings.tls_keyfile), nullptr);
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = apply_login_and_tls(m_mosq, m_settings);
     }
     if (rc != MOSQ_ERR_SUCCESS) {
         logging::ERROR << log_module() << "cannot set up the connection to broker " << where()

@@ -210,4 +210,19 @@ std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& conf
     return s;
 }
 
+int apply_login_and_tls(mosquitto* mosq, const MqttSettings& settings) {
+    int rc = MOSQ_ERR_SUCCESS;
+    if (!settings.username.empty()) {
+        const std::string& password = settings.password;
+        rc = mosquitto_username_pw_set(mosq, settings.username.c_str(),
+                                       password.empty() ? nullptr : password.c_str());
+    }
+    if (rc == MOSQ_ERR_SUCCESS && !settings.tls_cafile.empty()) {
+        auto file = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+        rc = mosquitto_tls_set(mosq, settings.tls_cafile.c_str(), nullptr,
+                               file(settings.tls_certfile), file(settings.tls_keyfile), nullptr);
+    }
+    return rc;
+}
+
 }  // namespace ecu::kora::com

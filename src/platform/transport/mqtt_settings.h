@@ -10,6 +10,8 @@
 
 #include "configuration.h"
 
+struct mosquitto;
+
 namespace ecu::kora::com {
 
 // Read from the configuration (read_mqtt_settings), which holds the defaults.
@@ -35,5 +37,9 @@ struct MqttSettings {
 // client name or user the protocol cannot carry. Secret values are never
 // logged.
 std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& config);
+
+// Gives a libmosquitto client the login and TLS files of the settings, as
+// ipcd's own connection uses them; a libmosquitto error code (0: done).
+int apply_login_and_tls(mosquitto* mosq, const MqttSettings& settings);
 
 }  // namespace ecu::kora::com
