@@ -1,9 +1,11 @@
-// The transport's outgoing side against a fake connection.
+// The transport's outgoing side against a fake connection, and the packets
+// of the RT data connection as bytes on the wire.
 
 #include <gtest/gtest.h>
 
 #include <future>
 
+#include "mqtt_packets.h"
 #include "outbox.h"
 #include "reconnect_policy.h"
 #include "support.h"
@@ -188,6 +190,48 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
         1 + std::chrono::duration_cast<std::chrono::minutes>(now - Clock::time_point{}).count());
     policy.connected();
     EXPECT_TRUE(policy.failed("TLS error", now).log_line.has_value());
+}
+
+// CONNECT as the broker reads it: the flags and lengths say which of user
+// and password follow, and only those follow.
+TEST(Packets, ConnectCarriesTheLoginItNamesAndTheReaderSplitsTheBrokersBytes) {
+    using Wire = std::vector<std::uint8_t>;
+    const Wire head{0x00, 0x04, 'M', 'Q', 'T', 'T', 0x04};
+    struct Row {
+        std::string user, password;
+        Wire tail;  // after the protocol level
+    } rows[] = {
+        {"", "", {0x02, 0x00, 0x0A, 0x00, 0x01, 'c'}},
+        {"u", "", {0x82, 0x00, 0x0A, 0x00, 0x01, 'c', 0x00, 0x01, 'u'}},
+        {"u", "pw", {0xC2, 0x00, 0x0A, 0x00, 0x01, 'c', 0x00, 0x01, 'u', 0x00, 0x02, 'p', 'w'}},
+    };
+    for (const Row& row : rows) {
+        Wire out;
+        packets::append_connect(out, "c", 10, row.user, row.password);
+        Wire body = head;
+        body.insert(body.end(), row.tail.begin(), row.tail.end());
+        Wire expected{0x10, static_cast<std::uint8_t>(body.size())};
+        expected.insert(expected.end(), body.begin(), body.end());
+        EXPECT_EQ(out, expected) << row.user << "/" << row.password;
+    }
+
+    // CONNACK then PINGRESP, a byte at a time; then a length that never ends.
+    packets::PacketReader reader;
+    std::uint8_t type = 0;
+    Wire body;
+    std::vector<std::uint8_t> types;
+    for (std::uint8_t byte : Wire{0x20, 0x02, 0x00, 0x00, 0xD0, 0x00}) {
+        reader.feed(&byte, 1);
+        while (reader.next(type, body)) {
+            types.push_back(type);
+        }
+    }
+    EXPECT_EQ(types, (Wire{packets::connack, packets::pingresp}));
+    EXPECT_FALSE(reader.broken());
+    const Wire endless{0x30, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F};
+    reader.feed(endless.data(), endless.size());
+    EXPECT_FALSE(reader.next(type, body));
+    EXPECT_TRUE(reader.broken());
 }
 
 }  // namespace
