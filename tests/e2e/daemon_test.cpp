@@ -407,13 +407,8 @@ TEST(Daemon, ShowsItselfFromOutside) {
     EXPECT_EQ(last["rx_damaged"], 1);
     EXPECT_EQ(last["connected"], true);
     EXPECT_EQ(last["reconnects"], 0);
-    const std::string log = daemon.process().out();
-    std::size_t unknown_lines = 0;
-    for (auto at = log.find("Unable to find rt-id 9999"); at != std::string::npos;
-         at = log.find("Unable to find rt-id 9999", at + 1)) {
-        ++unknown_lines;
-    }
-    EXPECT_LT(unknown_lines, 20U);  // the first ones as ever; a summary after the minute
+    // The first ones as ever; a summary after the minute.
+    EXPECT_LT(count_of(daemon.process().out(), "Unable to find rt-id 9999"), 20U);
 
     daemon.process().signal(SIGKILL);
     EXPECT_TRUE(wait_until([&] { return ctl(port, {"health"}).status == 3; }));  // the will

@@ -413,13 +413,7 @@ std::unique_ptr<Process> generate(const Daemon& daemon, const std::string& topic
 }
 
 std::size_t generated(const Process& sim) {
-    const std::string out = sim.out();
-    std::size_t n = 0;
-    for (auto at = out.find("\nRX rt/"); at != std::string::npos;
-         at = out.find("\nRX rt/", at + 1)) {
-        ++n;
-    }
-    return n;
+    return count_of(sim.out(), "\nRX rt/");
 }
 
 }  // namespace ipcd_test

@@ -36,6 +36,15 @@ inline bool wait_until(const std::function<bool()>& cond,
     return true;
 }
 
+// How often fragment occurs in text (a log, a tool's output).
+inline std::size_t count_of(const std::string& text, const std::string& fragment) {
+    std::size_t n = 0;
+    for (auto at = text.find(fragment); at != std::string::npos; at = text.find(fragment, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
 inline std::string read_file(const std::string& path) {  // empty when missing
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();

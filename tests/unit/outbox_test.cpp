@@ -190,6 +190,9 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
         1 + std::chrono::duration_cast<std::chrono::minutes>(now - Clock::time_point{}).count());
     policy.connected();
     EXPECT_TRUE(policy.failed("TLS error", now).log_line.has_value());
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {  // a first failure: again within 0.1 s
+        EXPECT_LT(ReconnectPolicy(seed).failed("Connection refused", now).delay, 100ms) << seed;
+    }
 }
 
 // CONNECT as the broker reads it: the flags and lengths say which of user
