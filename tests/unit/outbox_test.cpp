@@ -81,6 +81,14 @@ TEST(Outbox, KeepsOrderAcrossALossAndRestoresRetainedFirst) {
     link.bounce = &box;  // already back: sent again at once, after the restored status
     box.publish("t", msg("d"), false);
     EXPECT_EQ(link.take(), (List{"status=s2 retained", "t=d"}));
+    box.disconnected();
+    box.publish("t", msg("e"), false);
+    link.answer = Outbox::Sent::no_connection;  // lost again while resuming: nothing is lost
+    EXPECT_EQ(box.connected().sent, 0U);
+    box.disconnected();
+    link.answer = Outbox::Sent::ok;
+    box.connected();
+    EXPECT_EQ(link.take(), (List{"status=s2 retained", "t=e"}));
 }
 
 TEST(Outbox, DropsTheOldestBeyondTheLimitAndCountsThem) {
