@@ -18,19 +18,25 @@ namespace {
 
 // Keeps what it is given; one topic makes it throw.
 struct Recorder : ecu::kora::com::ISubscriptionObserver {
-    void message(const std::string& topic, const Message&) override {
+    void message(const std::string& topic, const Message& msg) override {
         if (topic == "rttx/throw") {
             throw std::runtime_error("observer failure");
         }
         std::lock_guard<std::mutex> lock(mutex);
         seen.push_back(topic);
+        payloads.emplace_back(msg.payload.begin(), msg.payload.end());
     }
     std::vector<std::string> topics() {
         std::lock_guard<std::mutex> lock(mutex);
         return seen;
     }
+    std::vector<std::string> texts() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return payloads;
+    }
     std::mutex mutex;
     std::vector<std::string> seen;
+    std::vector<std::string> payloads;
 };
 
 TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
@@ -129,6 +135,7 @@ TEST(Transport, DeliveryRules) {
     ASSERT_TRUE(wait_until([&] { return status->topics().size() == 2; }));
     EXPECT_EQ(rttx->topics(), (std::vector<std::string>{"rttx/a", "rttx/b/c"}));
     EXPECT_EQ(status->topics(), (std::vector<std::string>{"status/one", "status/end"}));
+    EXPECT_EQ(status->texts(), (std::vector<std::string>{"x", "x"}));  // one byte is a payload
     EXPECT_EQ(log.find("observer failure").size(), 1U);
     broker.pause();  // a QoS 1 message is pending until the broker acknowledges it
     Message m = message(std::string("q"), 1);

@@ -226,6 +226,10 @@ TEST(Packets, ConnectCarriesTheLoginItNamesAndTheReaderSplitsTheBrokersBytes) {
         EXPECT_EQ(out, expected) << row.user << "/" << row.password;
     }
 
+    Wire bye;
+    packets::append_disconnect(bye);
+    EXPECT_EQ(bye, (Wire{0xE0, 0x00}));
+
     // CONNACK then PINGRESP, a byte at a time; then a length that never ends.
     packets::PacketReader reader;
     std::uint8_t type = 0;
