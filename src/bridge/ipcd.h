@@ -55,7 +55,7 @@ public:
         std::string topic;
         // Set by the delivery thread, read by the reader and earlybird
         // threads; only ever goes from false to true.
-        std::atomic<bool> requested{false};
+        std::atomic<bool> requested{};
         bool retained;
     };
 
@@ -106,7 +106,7 @@ public:
     std::string m_queue_rx;
     std::string m_queue_tx;
     std::set<std::uint32_t> m_log_rt_signals;
-    bool m_log_queue_size = false;
+    bool m_log_queue_size{};
     // Statistics every so often on the broker (0: never); the version they name.
     std::chrono::seconds m_stats_interval{10};
     std::string m_version;
@@ -117,7 +117,7 @@ private:
 
     std::shared_ptr<com::ITransportClient> m_transport;
     std::map<std::uint32_t, RequestTopic> m_rt_topics;
-    std::uint32_t m_requested_count = 0;
+    std::uint32_t m_requested_count{};
     ipc::TxQueuePort m_writer;
     ipc::RxQueuePort m_reader;
     std::deque<EarlybirdData> m_earlybird;
@@ -125,12 +125,12 @@ private:
     // Records are held for the earlybird thread: from its start until the
     // reader joins it after its drain. Written by the start-up and reader
     // threads.
-    std::atomic<bool> m_earlybird_holding{false};
+    std::atomic<bool> m_earlybird_holding{};
     std::mutex m_earlybird_mutex;
-    bool m_earlybird_done = false;
+    bool m_earlybird_done{};
     std::mutex m_target_mutex;
     std::condition_variable m_target_cv;
-    bool m_target_reached = false;
+    bool m_target_reached{};
     std::unordered_map<std::string, rt::SignalGroup> m_tx_groups;
 
     RelayCounters m_counters;

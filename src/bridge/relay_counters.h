@@ -12,13 +12,13 @@ namespace ecu::kora::ipcd {
 struct RelayCounters {
     using Count = std::atomic<std::uint64_t>;
 
-    Count rt_to_broker{0};         // RT records published on the broker
-    Count broker_to_rt{0};         // records written to TX
-    Count dropped_unrequested{0};  // RT records of topics no client requested
-    Count rx_damaged{0};           // stretches of damage skipped in RX
-    Count unknown_ids{0};          // RT records of ids the catalogue lacks
-    Count rttx_refused{0};         // rttx messages not written to TX
-    Count earlybird_depth{0};      // RT records held for the start-up target now
+    Count rt_to_broker{};         // RT records published on the broker
+    Count broker_to_rt{};         // records written to TX
+    Count dropped_unrequested{};  // RT records of topics no client requested
+    Count rx_damaged{};           // stretches of damage skipped in RX
+    Count unknown_ids{};          // RT records of ids the catalogue lacks
+    Count rttx_refused{};         // rttx messages not written to TX
+    Count earlybird_depth{};      // RT records held for the start-up target now
 
     static void add(Count& count, std::uint64_t n = 1) {
         count.fetch_add(n, std::memory_order_relaxed);

@@ -38,13 +38,13 @@ enum class PbInternalDeserializationError : int {
 inline constexpr std::size_t qtx_header_length = 18;
 
 struct SerializationResult {
-    bool success = false;
+    bool success{};
     Message message;
 };
 
 template <typename T, typename E>
 struct DeserializationResult {
-    bool success = false;
+    bool success{};
     T body;
     E error{};
 };

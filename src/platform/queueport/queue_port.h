@@ -66,7 +66,7 @@ public:
     int fd() const { return m_fd; }
 
 private:
-    std::atomic<bool> m_flag{false};
+    std::atomic<bool> m_flag{};
     int m_fd;
 };
 

@@ -59,11 +59,11 @@ private:
 
     // The stream's bytes are [m_start, m_end) of m_buffer; the rest is room.
     std::vector<std::uint8_t> m_buffer;
-    std::size_t m_start = 0;
-    std::size_t m_end = 0;
-    std::size_t m_skipped = 0;
-    bool m_finished = false;
-    bool m_abandon = false;
+    std::size_t m_start{};
+    std::size_t m_end{};
+    std::size_t m_skipped{};
+    bool m_finished{};
+    bool m_abandon{};
 };
 
 }  // namespace ecu::kora::ipc

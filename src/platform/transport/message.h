@@ -17,13 +17,13 @@ struct Message {
     Message& operator=(Message&&) noexcept = default;
     virtual ~Message() = default;
 
-    std::uint8_t qos = 0;
+    std::uint8_t qos{};
     // Nanoseconds since boot when the message was framed; 0 for raw messages.
-    std::uint64_t timestamp = 0;
+    std::uint64_t timestamp{};
     // 1 for framed messages, 0 for raw ones.
-    std::uint8_t format = 0;
+    std::uint8_t format{};
     std::vector<std::uint8_t> payload;
-    bool retained = false;
+    bool retained{};
 };
 
 }  // namespace ecu::kora::com

@@ -106,32 +106,32 @@ private:
     int m_wake = -1;
     // The network thread's own: when to try again.
     ReconnectPolicy m_policy;
-    bool m_session_up = false;  // a CONNACK accepted the connection the loop runs
-    std::atomic<std::uint64_t> m_reconnects{0};
+    bool m_session_up{};  // a CONNACK accepted the connection the loop runs
+    std::atomic<std::uint64_t> m_reconnects{};
 
     // Guards the session state below; m_cv signals the CONNACK, the end of
     // the first attempt and the start of deliveries.
     mutable std::mutex m_mutex;
     std::condition_variable m_cv;
     State m_state = State::idle;
-    bool m_loop_running = false;
-    bool m_ever_connected = false;
+    bool m_loop_running{};
+    bool m_ever_connected{};
     // Deliveries wait for start(): the owner sets up what its observers use
     // (ports, threads) between connect() and start().
-    bool m_delivering = false;
+    bool m_delivering{};
     std::optional<int> m_connack;           // first CONNACK result
     std::optional<int> m_early_disconnect;  // connection closed before any CONNACK
     // libmosquitto's last error-level log line while the first connection is
     // attempted: it carries the TLS library's reason.
     std::string m_connect_error;
-    bool m_link_up = false;        // a CONNACK accepted the current connection
+    bool m_link_up{};              // a CONNACK accepted the current connection
     std::string m_waiting_reason;  // the last failed attempt's reason, while down
 
     // Subscriptions: replaced as a whole, so that a delivery reads a snapshot
     // and an observer may subscribe without deadlock.
     std::mutex m_subscription_mutex;
     std::shared_ptr<const SubscriptionList> m_subscriptions;
-    bool m_subscriptions_live = false;  // SUBSCRIBE can be sent now
+    bool m_subscriptions_live{};  // SUBSCRIBE can be sent now
 
     std::mutex m_stop_mutex;
 };

@@ -50,7 +50,7 @@ public:
 
 private:
     std::vector<std::uint8_t> m_bytes;
-    bool m_broken = false;
+    bool m_broken{};
 };
 
 }  // namespace ecu::kora::com::packets

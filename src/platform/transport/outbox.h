@@ -54,10 +54,10 @@ public:
 
     // What connected() sent again, for the owner's log line.
     struct Resumed {
-        bool reconnection = false;
-        std::size_t sent = 0;      // from the offline queue
-        std::size_t restored = 0;  // retained messages
-        std::size_t dropped = 0;   // oldest dropped while the broker was away
+        bool reconnection{};
+        std::size_t sent{};      // from the offline queue
+        std::size_t restored{};  // retained messages
+        std::size_t dropped{};   // oldest dropped while the broker was away
     };
 
     // What close() left behind.
@@ -128,19 +128,19 @@ private:
     mutable std::mutex m_mutex;
     // Publishers waiting for room, close() waiting for zero.
     std::condition_variable m_cv;
-    bool m_open = false;
+    bool m_open{};
     // Set by interrupt(): the end of every wait for room.
     std::chrono::steady_clock::time_point m_wait_deadline =
         std::chrono::steady_clock::time_point::max();
-    bool m_connected = false;
-    bool m_ever_connected = false;
+    bool m_connected{};
+    bool m_ever_connected{};
     std::uint64_t m_generation{};  // counts connection losses
-    std::size_t m_pending_qos0 = 0;
-    std::size_t m_pending_qos1 = 0;
-    std::size_t m_pending_high = 0;
+    std::size_t m_pending_qos0{};
+    std::size_t m_pending_qos1{};
+    std::size_t m_pending_high{};
     std::deque<Kept> m_offline;
-    std::size_t m_dropped = 0;  // since the connection was lost
-    std::uint64_t m_dropped_total = 0;
+    std::size_t m_dropped{};  // since the connection was lost
+    std::uint64_t m_dropped_total{};
     std::map<std::string, Retained> m_retained;
 
     // Ids of unacknowledged QoS 1 messages, to tell their written() from a

@@ -88,8 +88,8 @@ private:
     Outbox m_outbox;
     ReconnectPolicy m_policy;
     std::atomic<std::thread::id> m_loop_thread{};
-    std::atomic<bool> m_up{false};
-    std::atomic<bool> m_ever_up{false};
+    std::atomic<bool> m_up{};
+    std::atomic<bool> m_ever_up{};
 
     // The loop thread's own.
     struct Address {
@@ -101,21 +101,21 @@ private:
     int m_fd = -1;
     SSL_CTX* m_tls = nullptr;
     SSL* m_ssl = nullptr;
-    bool m_want_write = false;  // the TLS layer needs the socket writable
+    bool m_want_write{};  // the TLS layer needs the socket writable
     Clock::time_point m_retry_at{};
     Clock::time_point m_deadline = Clock::time_point::max();  // CONNACK or PINGRESP
     Clock::time_point m_last_sent{};
-    bool m_reported_down = false;
+    bool m_reported_down{};
     packets::PacketReader m_incoming;
     std::vector<std::uint8_t> m_packet;
 
     // What waits for the socket: whole packets, written from m_sent on.
     mutable std::mutex m_out_mutex;
     std::vector<std::uint8_t> m_out;
-    std::size_t m_sent = 0;
-    std::size_t m_out_messages = 0;       // PUBLISH packets in m_out
+    std::size_t m_sent{};
+    std::size_t m_out_messages{};         // PUBLISH packets in m_out
     std::vector<std::uint8_t> m_writing;  // the loop's side of a swap
-    std::size_t m_writing_messages = 0;
+    std::size_t m_writing_messages{};
 
     int m_wake = -1;  // eventfd: another thread buffered something
 };

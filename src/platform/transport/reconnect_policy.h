@@ -54,8 +54,8 @@ private:
     std::chrono::milliseconds delay();
 
     std::uint64_t m_state;
-    unsigned m_attempts = 0;    // failed attempts since the last connection
-    unsigned m_unreported = 0;  // failures not yet in a line
+    unsigned m_attempts{};    // failed attempts since the last connection
+    unsigned m_unreported{};  // failures not yet in a line
     std::optional<Clock::time_point> m_last_line;
 };
 

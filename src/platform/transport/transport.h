@@ -30,11 +30,11 @@ enum class TransportType : int { mqtt };
 // How the client's link to the broker stands, for statistics and the service
 // manager's status line.
 struct LinkStatus {
-    bool connected = false;
-    std::uint64_t reconnects = 0;       // connections made after the first
-    std::uint64_t dropped_offline = 0;  // dropped beyond the offline queue
-    std::size_t offline_depth = 0;      // kept for the broker's return now
-    std::string waiting_reason;         // why the last attempt failed, while not connected
+    bool connected{};
+    std::uint64_t reconnects{};       // connections made after the first
+    std::uint64_t dropped_offline{};  // dropped beyond the offline queue
+    std::size_t offline_depth{};      // kept for the broker's return now
+    std::string waiting_reason;       // why the last attempt failed, while not connected
 };
 
 class ITransportClient {
