@@ -132,9 +132,10 @@ void IPCd::run() {
     }
 
     // The statistics timer runs on the reader's thread: it wakes only for it.
-    const std::chrono::seconds tick =
-        m_stats_interval.count() > 0 ? m_stats_interval : std::chrono::seconds(10);
-    m_reader.every(tick, [this] { m_reporter->tick(*m_transport, m_stats_interval); });
+    // With statistics off it still updates the status line, every 10 s.
+    const bool stats = m_stats_interval.count() > 0;
+    m_reader.every(stats ? m_stats_interval : std::chrono::seconds(10),
+                   [this, stats] { m_reporter->tick(*m_transport, stats); });
     // The reader's thread writes RT data to the broker itself.
     if (loop::IPollSource* source = m_transport->poll_source()) {
         m_reader.add_source(*source);

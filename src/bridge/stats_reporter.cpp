@@ -11,8 +11,6 @@ namespace ecu::kora::ipcd {
 
 namespace {
 
-using namespace std::chrono_literals;
-
 com::Message json_message(const std::string& text, std::uint8_t qos) {
     com::Message msg;
     msg.payload.assign(text.begin(), text.end());
@@ -81,32 +79,27 @@ std::string StatsReporter::status_line(const com::LinkStatus& link, double per_s
     return text + figures;
 }
 
-void StatsReporter::tick(com::ITransportClient& transport, std::chrono::seconds interval) {
+void StatsReporter::tick(com::ITransportClient& transport, bool publish_stats) {
     const auto now = Clock::now();
     const com::LinkStatus link = transport.link_status();
-    if (now - m_last_status >= 1s) {
-        const std::uint64_t relayed = RelayCounters::get(m_counters.rt_to_broker);
-        const double seconds =
-            std::chrono::duration<double>(
-                now - (m_last_status == Clock::time_point{} ? m_started : m_last_status))
-                .count();
-        const std::uint64_t dropped = link.dropped_offline +
-                                      RelayCounters::get(m_counters.rx_damaged) +
-                                      RelayCounters::get(m_counters.unknown_ids);
-        const std::string text = status_line(
-            link, seconds > 0 ? static_cast<double>(relayed - m_last_relayed) / seconds : 0.0,
-            dropped);
-        if (text != m_last_status_text) {
-            application_status(text);
-            m_last_status_text = text;
-        }
-        m_last_status = now;
-        m_last_relayed = relayed;
+    const std::uint64_t relayed = RelayCounters::get(m_counters.rt_to_broker);
+    const double seconds =
+        std::chrono::duration<double>(
+            now - (m_last_status == Clock::time_point{} ? m_started : m_last_status))
+            .count();
+    const std::uint64_t dropped = link.dropped_offline + RelayCounters::get(m_counters.rx_damaged) +
+                                  RelayCounters::get(m_counters.unknown_ids);
+    const std::string text = status_line(
+        link, seconds > 0 ? static_cast<double>(relayed - m_last_relayed) / seconds : 0.0, dropped);
+    if (text != m_last_status_text) {
+        application_status(text);
+        m_last_status_text = text;
     }
-    if (interval.count() > 0 && now - m_last_stats >= interval - 10ms) {
+    m_last_status = now;
+    m_last_relayed = relayed;
+    if (publish_stats) {
         com::Message msg = json_message(stats_json(link), 0);
         transport.publish(com::topics::stats, msg);
-        m_last_stats = now;
     }
 }
 

@@ -29,9 +29,9 @@ public:
     void arm(com::ITransportClient& transport);
     // After the first connection: health up.
     void connected(com::ITransportClient& transport);
-    // The timer's work: the status line (at most once a second) and, every
-    // interval, the statistics message.
-    void tick(com::ITransportClient& transport, std::chrono::seconds interval);
+    // The timer's work, once a period of a second or more: the status line
+    // when it changed and, when publish_stats, the statistics message.
+    void tick(com::ITransportClient& transport, bool publish_stats);
     // An orderly stop: health down, published by ipcd itself.
     void stopping(com::ITransportClient& transport);
 
@@ -49,8 +49,7 @@ private:
     const Clock::time_point m_started;
     std::uint64_t m_since_boot_s;
     Clock::time_point m_last_status{};
-    Clock::time_point m_last_stats{};
-    std::uint64_t m_last_relayed = 0;
+    std::uint64_t m_last_relayed{};
     std::string m_last_status_text;
 };
 

@@ -2,6 +2,7 @@
 // main() turns the command line and the configuration file into one running
 // bridge; every failure before the bridge runs ends the process with status 1.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -57,8 +58,11 @@ int main(int argc, char** argv) {
     // The reading loop proves itself alive to the watchdog: a loop stuck in a
     // record (or a publish that never returns) stops the pings.
     if (const auto period = watchdog_period(); period.count() > 0) {
-        bridge.every_read_period(std::chrono::duration_cast<std::chrono::milliseconds>(period / 2),
-                                 &watchdog_alive);
+        // Half the period, and a millisecond at least for a period below two.
+        bridge.every_read_period(
+            std::max(std::chrono::milliseconds(1),
+                     std::chrono::duration_cast<std::chrono::milliseconds>(period / 2)),
+            &watchdog_alive);
     }
 
     // The first stop signal ends the daemon as the shutdown indication does

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstring>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "logging.h"
@@ -108,7 +109,11 @@ QueuePortReader<Depth, Record>::QueuePortReader(IDataConsumer<Signal>& consumer)
 template <std::size_t Depth, typename Record>
 void QueuePortReader<Depth, Record>::every(std::chrono::milliseconds period,
                                            std::function<void()> fn) {
-    m_timers.push_back({std::max(period, std::chrono::milliseconds(1)), std::move(fn), {}});
+    // A period of nothing would be a busy loop: a mistake of the caller's.
+    if (period.count() <= 0) {
+        throw std::invalid_argument("a reading timer needs a period above 0");
+    }
+    m_timers.push_back({period, std::move(fn), {}});
 }
 
 template <std::size_t Depth, typename Record>
