@@ -1,6 +1,6 @@
 #include "rt_signal_frame.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace ecu::kora::com {
 
@@ -47,10 +47,8 @@ std::uint8_t* put_fixed64(std::uint8_t* at, std::uint64_t value) {
 
 std::uint8_t* put_bytes(std::uint8_t* at, const void* data, std::size_t size) {
     at = put_varint(at, size);
-    if (size > 0) {
-        std::memcpy(at, data, size);
-    }
-    return at + size;
+    // data may be null when size is 0, which memcpy does not allow.
+    return std::copy_n(static_cast<const std::uint8_t*>(data), size, at);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
 
 #include "mqtt_packets.h"
@@ -177,6 +178,7 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     auto now = Clock::time_point{};
     std::vector<std::string> lines;
     std::chrono::milliseconds last{};
+    std::vector<std::chrono::milliseconds> delays;
     bool differs = false;
     for (int i = 0; i < 200; ++i) {
         const auto decision = policy.failed("Connection refused", now);
@@ -186,6 +188,7 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
             lines.push_back(*decision.log_line);
         }
         last = decision.delay;
+        delays.push_back(last);
         now += decision.delay;
     }
     EXPECT_GE(last, ReconnectPolicy::max_delay / 2);
@@ -196,6 +199,13 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     EXPECT_LE(
         lines.size(),
         1 + std::chrono::duration_cast<std::chrono::minutes>(now - Clock::time_point{}).count());
+    EXPECT_EQ(*std::max_element(delays.begin(), delays.end()), ReconnectPolicy::max_delay);
+    // The summary a minute after the last line, not a second before.
+    ReconnectPolicy quiet(3);
+    EXPECT_TRUE(quiet.failed("refused", now).log_line.has_value());
+    EXPECT_FALSE(quiet.failed("refused", now + 59s).log_line.has_value());
+    EXPECT_EQ(quiet.failed("reset", now + 60s).log_line,
+              "still cannot reach the broker after 2 more attempts in 60 s; last reason: reset");
     policy.connected();
     EXPECT_TRUE(policy.failed("TLS error", now).log_line.has_value());
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {  // a first failure: again within 0.1 s
@@ -228,7 +238,8 @@ TEST(Packets, ConnectCarriesTheLoginItNamesAndTheReaderSplitsTheBrokersBytes) {
 
     Wire bye;
     packets::append_disconnect(bye);
-    EXPECT_EQ(bye, (Wire{0xE0, 0x00}));
+    packets::append_pingreq(bye);
+    EXPECT_EQ(bye, (Wire{0xE0, 0x00, 0xC0, 0x00}));
 
     // CONNACK then PINGRESP, a byte at a time; then a length that never ends.
     packets::PacketReader reader;
@@ -247,6 +258,16 @@ TEST(Packets, ConnectCarriesTheLoginItNamesAndTheReaderSplitsTheBrokersBytes) {
     reader.feed(endless.data(), endless.size());
     EXPECT_FALSE(reader.next(type, body));
     EXPECT_TRUE(reader.broken());
+
+    // The largest packet the reader takes, and one byte more.
+    for (const bool over : {false, true}) {
+        packets::PacketReader big;
+        Wire bytes{0x30, static_cast<std::uint8_t>(over ? 0x81 : 0x80), 0x80, 0x04};
+        bytes.resize(bytes.size() + packets::PacketReader::max_packet + (over ? 1 : 0));
+        big.feed(bytes.data(), bytes.size());
+        EXPECT_EQ(big.next(type, body), !over);
+        EXPECT_EQ(big.broken(), over);
+    }
 }
 
 }  // namespace

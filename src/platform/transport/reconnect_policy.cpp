@@ -65,8 +65,8 @@ ReconnectPolicy::Decision ReconnectPolicy::failed(const std::string& reason,
 }
 
 void ReconnectPolicy::connected() {
+    // The next failure's line starts the count of unreported ones afresh.
     m_attempts = 0;
-    m_unreported = 0;
     m_last_line.reset();
 }
 
