@@ -107,8 +107,9 @@ public:
     std::string m_queue_tx;
     std::set<std::uint32_t> m_log_rt_signals;
     bool m_log_queue_size{};
-    // Statistics every so often on the broker (0: never); the version they name.
-    std::chrono::seconds m_stats_interval{10};
+    // Statistics every so often on the broker (0: never; start-up sets the
+    // configured period); the version they name.
+    std::chrono::seconds m_stats_interval{};
     std::string m_version;
 
 private:

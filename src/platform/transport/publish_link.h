@@ -117,7 +117,7 @@ private:
     std::vector<std::uint8_t> m_writing;  // the loop's side of a swap
     std::size_t m_writing_messages{};
 
-    int m_wake = -1;  // eventfd: another thread buffered something
+    const int m_wake;  // eventfd: another thread buffered something (-1: none)
 };
 
 }  // namespace ecu::kora::com

@@ -45,7 +45,6 @@ public:
     // A connection was made: the next loss starts from the first delay again
     // and is reported afresh.
     void connected();
-    unsigned attempts() const { return m_attempts; }
 
 private:
     // Uniform in [0, 1).

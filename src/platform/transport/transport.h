@@ -59,11 +59,7 @@ public:
     // The message the broker publishes on topic when the link is lost without
     // a clean disconnect (the process died, the link timed out). Before
     // connect(); false when the client cannot carry one.
-    virtual bool set_will(const std::string& topic, const Message& msg) {
-        (void)topic;
-        (void)msg;
-        return false;
-    }
+    virtual bool set_will(const std::string& topic, const Message& msg) = 0;
     // The owner is stopping: from now on publishers wait for room only
     // briefly, and what finds none by then is dropped. Any thread.
     virtual void interrupt() {}
