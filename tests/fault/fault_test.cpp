@@ -77,7 +77,26 @@ TEST(Fault, BrokerRestartsUnderAStream) {
         EXPECT_EQ(ctl(broker.port(), {"send", "rttx/hmi/climate_request", "fan_level=1"}).status,
                   0);
         EXPECT_EQ(daemon.tx_records(1).size(), 1U);
+        daemon.process().signal(SIGTERM);  // an orderly end, nothing leaked
+        EXPECT_EQ(daemon.process().wait(10s), 0) << daemon.process().out();
     }
+}
+
+// A vehicle with nothing to relay: the RT data connection keeps itself alive
+// with its own pings, and the broker's answer keeps it up.
+TEST(Fault, IdleRtDataConnectionPingsAndStaysUp) {
+    Broker broker("log_type all\n");
+    Daemon daemon(broker.port());
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "keepalive=5\n")});
+    release(daemon, broker.port());
+    daemon.write_record(20, {0x2a, 0x00, 0x01}, 42);
+    ASSERT_TRUE(wait_until(
+        [&] {
+            return broker.process().err().find("Sending PINGRESP to ipcd-rt") != std::string::npos;
+        },
+        20s));
+    std::this_thread::sleep_for(300ms);  // a link given up at its ping says so at once
+    EXPECT_EQ(count_of(daemon.process().out(), " lost: "), 0U) << daemon.process().out();
 }
 
 // Garbage on every topic ipcd listens to, every cut and every byte changed of

@@ -89,7 +89,8 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         }
     }
     // A TLS error while reconnecting (a plain broker on the TLS port for a
-    // while) does not end reconnecting. What waited beyond the offline queue is counted.
+    // while) does not end reconnecting, nor does a refusal. What waited beyond the
+    // offline queue is counted.
     LogCapture log;
     Client t(login, tls_with("offline_queue", "1"));
     ASSERT_TRUE(t->connect());
@@ -106,6 +107,14 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         ASSERT_TRUE(wait_until([&] {
             return t->link_status().waiting_reason.find("TLS") != std::string::npos;
         })) << t->link_status().waiting_reason;
+    }
+    {  // then one that knows ipcd no more: said, and kept as the reason
+        std::string config = tls.listener(login);
+        config.replace(config.find(tls.file("passwords")), tls.file("passwords").size(),
+                       tls.file("strangers"));
+        Broker refusing(config);
+        ASSERT_TRUE(log.wait_for("refused the reconnection: Connection Refused: not authorised"));
+        EXPECT_NE(t->link_status().waiting_reason.find("refused"), std::string::npos);
     }
     broker.start();
     EXPECT_TRUE(log.wait_for("re-established"));

@@ -257,6 +257,7 @@ TlsFiles::TlsFiles() {
                                         " -addext basicConstraints=CA:FALSE")});
     }
     must({"/usr/bin/mosquitto_passwd", "-c", "-b", file("passwords"), "ipcd", "Hunter2"});
+    must({"/usr/bin/mosquitto_passwd", "-c", "-b", file("strangers"), "someone", "else"});
     open_to_broker(m_dir);
 }
 

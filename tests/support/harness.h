@@ -91,6 +91,7 @@ public:
     void start();                  // again, on the same ports
     void pause() { m_process->signal(SIGSTOP); }  // connections stay, nothing is answered
     void resume() { m_process->signal(SIGCONT); }
+    Process& process() { return *m_process; }  // its log on standard error
 
 private:
     TempDir m_dir;
@@ -98,7 +99,8 @@ private:
     std::unique_ptr<Process> m_process;
 };
 
-// ca.crt, other-ca.crt (signed none), client.{crt,key}; the user ipcd, Hunter2.
+// ca.crt, other-ca.crt (signed none), client.{crt,key}; the user ipcd, Hunter2
+// (passwords; strangers knows another user only).
 class TlsFiles {
 public:
     TlsFiles();

@@ -6,6 +6,7 @@
 #include "frames.h"
 #include "ipcd.h"
 #include "logging.h"
+#include "stats_reporter.h"
 #include "support.h"
 #include "transport.h"
 
@@ -47,6 +48,10 @@ struct FakeTransport : com::ITransportClient {
     bool start() override { return true; }
     bool stop() override { return true; }
     const std::string& client_name() const override { return name; }
+    bool set_will(const std::string& topic, const com::Message& msg) override {
+        will.emplace_back(topic, msg);
+        return true;
+    }
     std::vector<std::pair<std::string, com::Message>> published() const {
         std::lock_guard<std::mutex> lock(mutex);
         return sent;
@@ -63,6 +68,7 @@ struct FakeTransport : com::ITransportClient {
     mutable std::mutex mutex;
     std::string name = "fake-ipcd";
     std::vector<std::pair<std::string, com::Message>> sent;
+    std::vector<std::pair<std::string, com::Message>> will;
 };
 
 const char* const g_catalogue = R"({"groups": [
@@ -316,6 +322,31 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
     }
     EXPECT_TRUE(log.has(logging::debug, "[RT_SIGNAL_LOG] send: 10"));
     EXPECT_TRUE(log.has(logging::info, "Send data to RT for topic 'rttx/a' (rt id: 10)"));
+}
+
+// Health for fleet tools: retained at QoS 1, so that it survives a lost
+// packet and a reconnection; "down" as the will and on an orderly stop.
+TEST(StatsReporter, HealthIsRetainedAtQos1UpWhileConnectedDownOtherwise) {
+    FakeTransport fake;
+    const ecu::kora::ipcd::RelayCounters counters;
+    ecu::kora::ipcd::StatsReporter reporter(counters, "1.2.3");
+    reporter.arm(fake);
+    reporter.connected(fake);
+    reporter.stopping(fake);
+    auto messages = fake.will;
+    const auto sent = fake.published();
+    messages.insert(messages.end(), sent.begin(), sent.end());
+    ASSERT_EQ(messages.size(), 3U);
+    const char* const states[] = {R"("state":"down")", R"("state":"up")", R"("state":"down")"};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto& [topic, msg] = messages[i];
+        const std::string text(msg.payload.begin(), msg.payload.end());
+        EXPECT_EQ(topic, "system/ipc/health");
+        EXPECT_NE(text.find(states[i]), std::string::npos) << text;
+        EXPECT_TRUE(msg.retained && msg.qos == 1) << i;
+    }
+    const std::string up(messages[1].second.payload.begin(), messages[1].second.payload.end());
+    EXPECT_NE(up.find(R"("version":"1.2.3")"), std::string::npos) << up;
 }
 
 }  // namespace
