@@ -21,6 +21,8 @@ std::uint64_t get_le(const std::uint8_t* at, std::size_t bytes) {
     return value;
 }
 
+constexpr std::ptrdiff_t magic_size = sizeof record_magic;
+
 // Whether the bytes from at up to end could be the start of a record: the
 // whole magic, or as much of it as has arrived.
 bool magic_prefix_at(const std::uint8_t* at, const std::uint8_t* end) {
@@ -78,7 +80,7 @@ void RecordDecoder::skip_damage() {
             std::memchr(at, record_magic[0], static_cast<std::size_t>(end - at)));
         if (at == nullptr) {
             at = end;
-        } else if (magic_prefix_at(at, end) && !(m_finished && end - at < 4)) {
+        } else if (magic_prefix_at(at, end) && !(m_finished && end - at < magic_size)) {
             break;
         } else {
             ++at;
@@ -135,7 +137,7 @@ bool RecordDecoder::next(IpcSignal& out) {
 
 bool RecordDecoder::partial_header(std::uint32_t& id, std::size_t& length) const {
     const std::uint8_t* begin = m_buffer.data() + m_start;
-    if (m_end - m_start < 20 || !magic_prefix_at(begin, begin + 4)) {
+    if (m_end - m_start < 20 || !magic_prefix_at(begin, begin + magic_size)) {
         return false;
     }
     id = static_cast<std::uint32_t>(get_le(begin + 4, 4));

@@ -83,9 +83,7 @@ void PacketReader::feed(const std::uint8_t* data, std::size_t size) {
 }
 
 bool PacketReader::next(std::uint8_t& type, std::vector<std::uint8_t>& body) {
-    if (m_broken || m_bytes.size() < 2) {
-        return false;
-    }
+    // A broken stream stays broken: its bad length stays at the front.
     std::size_t length = 0;
     std::size_t at = 1;
     for (unsigned shift = 0;; shift += 7) {
