@@ -83,11 +83,12 @@ TEST(Fault, BrokerRestartsUnderAStream) {
 }
 
 // A vehicle with nothing to relay: the RT data connection keeps itself alive
-// with its own pings, and the broker's answer keeps it up.
+// with its own pings, and the broker's answer keeps it up. No other timer
+// wakes the loop meanwhile (statistics once a minute).
 TEST(Fault, IdleRtDataConnectionPingsAndStaysUp) {
     Broker broker("log_type all\n");
     Daemon daemon(broker.port());
-    daemon.start({"-c", daemon.dir().write("ipcd.conf", "keepalive=5\n")});
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "keepalive=5\nstats_interval=60\n")});
     release(daemon, broker.port());
     daemon.write_record(20, {0x2a, 0x00, 0x01}, 42);
     ASSERT_TRUE(wait_until(

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <regex>
+#include <thread>
 
 #include "frames.h"
 #include "harness.h"
@@ -151,6 +152,17 @@ TEST(Transport, DeliveryRules) {
     EXPECT_TRUE(t->publish("status/q", m) == 1 && t->pending() == 1);
     broker.resume();
     EXPECT_TRUE(wait_until([&] { return t->pending() == 0; }));
+    {  // stopped before start(): the delivery waiting for it ends with it
+        Client early(broker.port(), {{"client_name", "early"}});
+        auto seen = std::make_shared<Recorder>();
+        ASSERT_TRUE(early->subscribe("status/+", 0, seen) && early->connect());
+        Message waits = message(std::string("w"), 1);
+        t->publish("status/w", waits);
+        ASSERT_TRUE(wait_until([&] { return t->pending() == 0; }));
+        std::this_thread::sleep_for(100ms);  // the broker passes it on
+        EXPECT_TRUE(early->stop());
+        EXPECT_TRUE(seen->topics().empty());
+    }
     t->stop();
     EXPECT_TRUE(log.find("stopping with").empty());  // nothing was left behind
 }

@@ -326,7 +326,8 @@ TEST_F(Bridge, TxRecordsMergeTheLatestValueOfEverySignal) {
 
 // Health for fleet tools: retained at QoS 1, so that it survives a lost
 // packet and a reconnection; "down" as the will and on an orderly stop.
-TEST(StatsReporter, HealthIsRetainedAtQos1UpWhileConnectedDownOtherwise) {
+// Statistics are frequent and only the latest counts.
+TEST(StatsReporter, HealthAndStatisticsAsTheyAreRetained) {
     FakeTransport fake;
     const ecu::kora::ipcd::RelayCounters counters;
     ecu::kora::ipcd::StatsReporter reporter(counters, "1.2.3");
@@ -347,6 +348,16 @@ TEST(StatsReporter, HealthIsRetainedAtQos1UpWhileConnectedDownOtherwise) {
     }
     const std::string up(messages[1].second.payload.begin(), messages[1].second.payload.end());
     EXPECT_NE(up.find(R"("version":"1.2.3")"), std::string::npos) << up;
+
+    // Statistics only when asked for: retained, the latest at QoS 0.
+    reporter.tick(fake, false);
+    ASSERT_EQ(fake.published().size(), 2U);
+    reporter.tick(fake, true);
+    const auto after = fake.published();
+    ASSERT_EQ(after.size(), 3U);
+    const auto& [topic, stats] = after.back();
+    EXPECT_EQ(topic, "system/ipc/stats");
+    EXPECT_TRUE(stats.retained && stats.qos == 0);
 }
 
 }  // namespace

@@ -183,7 +183,7 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     for (int i = 0; i < 200; ++i) {
         const auto decision = policy.failed("Connection refused", now);
         differs = differs || decision.delay != other.failed("Connection refused", now).delay;
-        EXPECT_LE(decision.delay, ReconnectPolicy::max_delay);
+        EXPECT_LE(decision.delay, 3s);
         if (decision.log_line) {
             lines.push_back(*decision.log_line);
         }
@@ -191,7 +191,7 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
         delays.push_back(last);
         now += decision.delay;
     }
-    EXPECT_GE(last, ReconnectPolicy::max_delay / 2);
+    EXPECT_GE(last, 1500ms);
     EXPECT_TRUE(differs);
     ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ(lines[0], "cannot reach the broker: Connection refused; retrying");
@@ -199,7 +199,8 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     EXPECT_LE(
         lines.size(),
         1 + std::chrono::duration_cast<std::chrono::minutes>(now - Clock::time_point{}).count());
-    EXPECT_EQ(*std::max_element(delays.begin(), delays.end()), ReconnectPolicy::max_delay);
+    EXPECT_EQ(*std::max_element(delays.begin(), delays.end()),
+              3s);  // a broker long away: tried every 3 s
     // The summary a minute after the last line, not a second before.
     ReconnectPolicy quiet(3);
     EXPECT_TRUE(quiet.failed("refused", now).log_line.has_value());
