@@ -25,7 +25,10 @@ StatsReporter::StatsReporter(const RelayCounters& counters, std::string version)
     : m_counters(counters),
       m_version(std::move(version)),
       m_started(Clock::now()),
-      m_since_boot_s(DateTime::time_since_boot_ns() / 1000000000U) {}
+      m_since_boot_s(
+          static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
+                                         std::chrono::nanoseconds(DateTime::time_since_boot_ns()))
+                                         .count())) {}
 
 void StatsReporter::arm(com::ITransportClient& transport) {
     transport.set_will(com::topics::health, json_message(R"({"state":"down"})", 1));
