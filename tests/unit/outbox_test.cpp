@@ -260,6 +260,15 @@ TEST(Packets, ConnectCarriesTheLoginItNamesAndTheReaderSplitsTheBrokersBytes) {
     EXPECT_FALSE(reader.next(type, body));
     EXPECT_TRUE(reader.broken());
 
+    // PUBLISH within the protocol's limits only: a topic of 65,535 bytes, a
+    // remaining length of 268,435,455 (a packet over it is refused unread).
+    Wire out;
+    const std::uint8_t none = 0;
+    EXPECT_TRUE(packets::append_publish(out, std::string(65535, 't'), &none, 0, false));
+    EXPECT_FALSE(packets::append_publish(out, std::string(65536, 't'), &none, 0, false));
+    EXPECT_FALSE(packets::append_publish(out, "ab", &none, 268435455 - 3, false));
+    EXPECT_EQ(out.size(), 1 + 3 + 2 + 65535U);
+
     // The largest packet the reader takes, and one byte more.
     for (const bool over : {false, true}) {
         packets::PacketReader big;
