@@ -92,8 +92,9 @@ void StatsReporter::tick(com::ITransportClient& transport, bool publish_stats) {
             .count();
     const std::uint64_t dropped = link.dropped_offline + RelayCounters::get(m_counters.rx_damaged) +
                                   RelayCounters::get(m_counters.unknown_ids);
-    const std::string text = status_line(
-        link, seconds > 0 ? static_cast<double>(relayed - m_last_relayed) / seconds : 0.0, dropped);
+    // Ticks are a timer period (a second or more) apart.
+    const std::string text =
+        status_line(link, static_cast<double>(relayed - m_last_relayed) / seconds, dropped);
     if (text != m_last_status_text) {
         application_status(text);
         m_last_status_text = text;
