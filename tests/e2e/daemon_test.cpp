@@ -51,6 +51,8 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
         {{"-L", "-c", dir.path()}, sample, 1, "': not a regular file", ""},
         {{"-L", "-c", conf("tls_cafile=/nope/ca.crt\n")}, sample, 1,
          "transport setting 'tls_cafile' names '/nope/ca.crt', which cannot be read: No such file", ""},
+        {{"-L", "-c", conf("tls_cafile=" + dir.path() + "\n")}, sample, 1,
+         "names '" + dir.path() + "', which cannot be read: not a regular file", ""},
         {{"-L", "-p", absent, "-c", conf("tls_cafile=" + tls.file("ca.key") + "\n")}, sample, 1,
          "transport setting 'tls_cafile' names '" + tls.file("ca.key") + "', which holds no usable CA certificate", "MQTT"},
         {{"-L", "-p", absent, "-c", conf(ca + "tls_certfile=" + tls.file("client.crt") + "\ntls_keyfile=" + tls.file("server.key"))}, sample, 1,
