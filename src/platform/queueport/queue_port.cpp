@@ -43,14 +43,10 @@ struct SysResult {
     std::string message() const { return std::string(name) + ": " + std::strerror(error); }
 };
 
-// close() must not be retried: Linux has released the descriptor even when it
-// reports EINTR, and a retry could close one that another thread just got.
-enum class OnEintr { retry, done };
-
 // Every system call of the queue ports goes through here, so EINTR handling
 // and errno capture live in one place.
 template <typename Fn>
-SysResult sys_call(const char* name, Fn&& fn, OnEintr on_eintr = OnEintr::retry) {
+SysResult sys_call(const char* name, Fn&& fn) {
     for (;;) {
         errno = 0;
         const long value = static_cast<long>(fn());
@@ -59,21 +55,9 @@ SysResult sys_call(const char* name, Fn&& fn, OnEintr on_eintr = OnEintr::retry)
         }
         const int error = errno;
         if (error == EINTR) {
-            if (on_eintr == OnEintr::retry) {
-                continue;
-            }
-            return {0, 0, name};
+            continue;
         }
         return {value, error, name};
-    }
-}
-
-void close_fd(int& fd) {
-    if (fd >= 0) {
-        const int closing = fd;
-        sys_call(
-            "close", [closing] { return ::close(closing); }, OnEintr::done);
-        fd = -1;
     }
 }
 
@@ -87,17 +71,13 @@ void report_damage(const std::string& path, std::size_t skipped,
 }  // namespace
 
 StopRequest::StopRequest()
-    : m_fd(static_cast<int>(
+    : m_event(static_cast<int>(
           sys_call("eventfd", [] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }).value)) {}
-
-StopRequest::~StopRequest() {
-    close_fd(m_fd);
-}
 
 StopRequest& StopRequest::operator=(bool value) {
     if (value && !m_flag.exchange(true)) {
         const std::uint64_t one = 1;
-        sys_call("write", [&] { return ::write(m_fd, &one, sizeof one); });
+        sys_call("write", [&] { return ::write(m_event.get(), &one, sizeof one); });
     }
     return *this;
 }
@@ -138,13 +118,8 @@ int QueuePortReader<Depth, Record>::run_timers(Clock::time_point partial_deadlin
 }
 
 template <std::size_t Depth, typename Record>
-QueuePortReader<Depth, Record>::~QueuePortReader() {
-    close_fd(m_fd);
-}
-
-template <std::size_t Depth, typename Record>
 bool QueuePortReader<Depth, Record>::open(const std::string& path) {
-    close_fd(m_fd);
+    m_device.reset();
     m_path = path;
     // Non-blocking so that a FIFO opens before any writer exists.
     const auto r =
@@ -154,13 +129,13 @@ bool QueuePortReader<Depth, Record>::open(const std::string& path) {
                        << std::strerror(r.error);
         return false;
     }
-    m_fd = static_cast<int>(r.value);
+    m_device.reset(static_cast<int>(r.value));
     return true;
 }
 
 template <std::size_t Depth, typename Record>
 void QueuePortReader<Depth, Record>::read_loop() {
-    if (m_fd < 0) {
+    if (!m_device.valid()) {
         logging::ERROR << port_log() << "RX queue port " << m_path << " is not open";
         m_consumer.finished();
         return;
@@ -168,8 +143,8 @@ void QueuePortReader<Depth, Record>::read_loop() {
     // A FIFO reads 0 both before its first writer and after its last one has
     // gone; only the latter ends it. Anything else ends at its first 0.
     struct stat st {};
-    const bool fifo =
-        !sys_call("fstat", [&] { return ::fstat(m_fd, &st); }).failed() && S_ISFIFO(st.st_mode);
+    const bool fifo = !sys_call("fstat", [&] { return ::fstat(m_device.get(), &st); }).failed() &&
+                      S_ISFIFO(st.st_mode);
 
     RecordDecoder decoder;
     Signal record;
@@ -201,7 +176,7 @@ void QueuePortReader<Depth, Record>::read_loop() {
     while (!ended && !stop_requested.load()) {
         // Slots: the port (unless what it feeds is full), the stop, the source's.
         constexpr std::size_t max_slots = 6;
-        pollfd pfd[max_slots] = {{m_fd, POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
+        pollfd pfd[max_slots] = {{m_device.get(), POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
         std::size_t slots = 2;
         if (m_source != nullptr && !m_source->accepts_more()) {
             pfd[0].fd = -1;  // poll ignores it: the RT side waits
@@ -256,7 +231,8 @@ void QueuePortReader<Depth, Record>::read_loop() {
         } else {
             // Straight into the decoder: the bytes are not copied on their way in.
             std::uint8_t* room = decoder.prepare(read_chunk);
-            const auto n = sys_call("read", [&] { return ::read(m_fd, room, read_chunk); });
+            const auto n =
+                sys_call("read", [&] { return ::read(m_device.get(), room, read_chunk); });
             if (n.failed()) {
                 if (n.error == EAGAIN || n.error == EWOULDBLOCK) {
                     continue;
@@ -310,11 +286,6 @@ void QueuePortReader<Depth, Record>::read_loop() {
 }
 
 template <std::size_t Depth, typename Record>
-QueuePortWriter<Depth, Record>::~QueuePortWriter() {
-    close_fd(m_fd);
-}
-
-template <std::size_t Depth, typename Record>
 bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
     // A reader that goes away must come back as EPIPE from write(), not as a
     // signal that ends the whole daemon.
@@ -323,7 +294,7 @@ bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
         sys_call("signal", [] { return std::signal(SIGPIPE, SIG_IGN) == SIG_ERR ? -1 : 0; });
     });
 
-    close_fd(m_fd);
+    m_device.reset();
     m_path = path;
     // O_APPEND so that a regular file used as the port keeps what it holds.
     const auto deadline = Clock::now() + open_wait;
@@ -332,7 +303,7 @@ bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
             return ::open(path.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC);
         });
         if (!r.failed()) {
-            m_fd = static_cast<int>(r.value);
+            m_device.reset(static_cast<int>(r.value));
             return true;
         }
         // ENXIO: a FIFO whose reader has not opened it yet.
@@ -347,7 +318,7 @@ bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
 
 template <std::size_t Depth, typename Record>
 bool QueuePortWriter<Depth, Record>::transmit_data(const Signal& signal) {
-    if (m_fd < 0) {
+    if (!m_device.valid()) {
         logging::ERROR << port_log() << "TX queue port " << m_path << " is not open";
         return false;
     }
@@ -366,8 +337,9 @@ bool QueuePortWriter<Depth, Record>::transmit_data(const Signal& signal) {
     const auto deadline = Clock::now() + room_wait;
     std::size_t done = 0;
     while (done < m_buffer.size()) {
-        const auto w = sys_call(
-            "write", [&] { return ::write(m_fd, m_buffer.data() + done, m_buffer.size() - done); });
+        const auto w = sys_call("write", [&] {
+            return ::write(m_device.get(), m_buffer.data() + done, m_buffer.size() - done);
+        });
         if (w.failed() && w.error != EAGAIN && w.error != EWOULDBLOCK) {
             logging::ERROR << port_log() << "TX queue port " << m_path << ": " << w.message();
             return false;
@@ -384,7 +356,7 @@ bool QueuePortWriter<Depth, Record>::transmit_data(const Signal& signal) {
                            << " bytes within " << room_wait.count() << " ms";
             return false;
         }
-        pollfd pfd{m_fd, POLLOUT, 0};
+        pollfd pfd{m_device.get(), POLLOUT, 0};
         const auto p =
             sys_call("poll", [&] { return ::poll(&pfd, 1, static_cast<int>(left.count())); });
         if (p.failed()) {

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "descriptor.h"
 #include "ipc_signal.h"
 #include "poll_source.h"
 #include "record_format.h"
@@ -53,7 +54,6 @@ struct signal_t_dyn {
 class StopRequest {
 public:
     StopRequest();
-    ~StopRequest();
     StopRequest(const StopRequest&) = delete;
     StopRequest& operator=(const StopRequest&) = delete;
 
@@ -63,11 +63,11 @@ public:
         return load();
     }  // NOLINT(google-explicit-constructor): reads as the flag it replaces
     // Readable once the request is set; for the loop's poll().
-    int fd() const { return m_fd; }
+    int fd() const { return m_event.get(); }
 
 private:
     std::atomic<bool> m_flag{};
-    int m_fd;
+    loop::Descriptor m_event;
 };
 
 // The RX port. open() on the start-up thread, then read_loop() on a thread of
@@ -87,7 +87,7 @@ public:
     explicit QueuePortReader(IDataConsumer<Signal>& consumer);
     QueuePortReader(const QueuePortReader&) = delete;
     QueuePortReader& operator=(const QueuePortReader&) = delete;
-    virtual ~QueuePortReader();
+    virtual ~QueuePortReader() = default;
 
     // Opens the device for reading without waiting for a writer. False (with
     // an ERROR line naming the path and the reason) when it cannot be opened.
@@ -124,7 +124,7 @@ private:
     std::vector<Timer> m_timers;
     loop::IPollSource* m_source = nullptr;
     IDataConsumer<Signal>& m_consumer;
-    int m_fd = -1;
+    loop::Descriptor m_device;
     std::string m_path;
 };
 
@@ -139,7 +139,6 @@ public:
     QueuePortWriter() = default;
     QueuePortWriter(const QueuePortWriter&) = delete;
     QueuePortWriter& operator=(const QueuePortWriter&) = delete;
-    ~QueuePortWriter();
 
     // Opens the device for writing. A FIFO without a reader is waited for up
     // to 2 s. False (with an ERROR line naming the path and the reason) on failure.
@@ -150,7 +149,7 @@ public:
     bool transmit_data(const Signal& signal);
 
 private:
-    int m_fd = -1;
+    loop::Descriptor m_device;
     std::string m_path;
     std::vector<std::uint8_t> m_buffer;
 };

@@ -94,9 +94,6 @@ MqttClient::~MqttClient() {
     if (m_mosq != nullptr) {
         mosquitto_destroy(m_mosq);
     }
-    if (m_wake >= 0) {
-        close(m_wake);
-    }
 }
 
 bool MqttClient::set_will(const std::string& topic, const Message& msg) {

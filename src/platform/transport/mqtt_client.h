@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "descriptor.h"
 #include "mqtt_settings.h"
 #include "outbox.h"
 #include "publish_link.h"
@@ -103,7 +104,7 @@ private:
     std::atomic<std::thread::id> m_network_thread{};
     std::thread m_network;
     // Wakes the network thread out of a connection attempt when stopping.
-    const int m_wake;  // an eventfd, made by the constructor (-1 if that failed)
+    const loop::Descriptor m_wake;  // an eventfd, made by the constructor (none if that failed)
     // The network thread's own: when to try again.
     ReconnectPolicy m_policy;
     bool m_session_up{};  // a CONNACK accepted the connection the loop runs

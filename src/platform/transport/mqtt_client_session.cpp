@@ -249,7 +249,8 @@ bool MqttClient::wait_while_running(std::chrono::milliseconds delay) {
 }
 
 bool MqttClient::reconnect(std::string& reason) {
-    reason = tcp_refusal(m_settings.host, m_settings.port, g_reconnect_connect_timeout, m_wake);
+    reason =
+        tcp_refusal(m_settings.host, m_settings.port, g_reconnect_connect_timeout, m_wake.get());
     if (!reason.empty()) {
         return false;
     }
@@ -271,9 +272,9 @@ void MqttClient::shut_down_loop() {
             return;
         }
     }
-    if (m_wake >= 0) {
+    if (m_wake.valid()) {
         const std::uint64_t one = 1;
-        [[maybe_unused]] const auto n = write(m_wake, &one, sizeof one);
+        [[maybe_unused]] const auto n = write(m_wake.get(), &one, sizeof one);
     }
     // The network thread ends once it sees the disconnecting state. A
     // reconnection that was under way at that moment can overwrite the state,

@@ -54,9 +54,6 @@ PublishLink::~PublishLink() {
     if (m_tls != nullptr) {
         SSL_CTX_free(m_tls);
     }
-    if (m_wake >= 0) {
-        ::close(m_wake);
-    }
 }
 
 std::size_t PublishLink::fill(pollfd* slots, std::size_t max) {
@@ -65,9 +62,9 @@ std::size_t PublishLink::fill(pollfd* slots, std::size_t max) {
     }
     std::size_t used = 0;
     if (max > used) {
-        slots[used++] = {m_wake, POLLIN, 0};
+        slots[used++] = {m_wake.get(), POLLIN, 0};
     }
-    if (max > used && m_fd >= 0) {
+    if (max > used && m_socket.valid()) {
         short events = 0;
         switch (m_state) {
             case State::connecting:
@@ -84,7 +81,7 @@ std::size_t PublishLink::fill(pollfd* slots, std::size_t max) {
                 }
             }
         }
-        slots[used++] = {m_fd, events, 0};
+        slots[used++] = {m_socket.get(), events, 0};
     }
     return used;
 }
@@ -107,7 +104,7 @@ PublishLink::Clock::time_point PublishLink::due() const {
 void PublishLink::serve(const pollfd* slots, std::size_t count) {
     if (count > 0 && slots[0].revents != 0) {
         std::uint64_t n = 0;
-        [[maybe_unused]] const auto r = ::read(m_wake, &n, sizeof n);
+        [[maybe_unused]] const auto r = ::read(m_wake.get(), &n, sizeof n);
     }
     const short revents = count > 1 ? slots[1].revents : 0;
     const auto now = Clock::now();
@@ -121,7 +118,7 @@ void PublishLink::serve(const pollfd* slots, std::size_t count) {
             if (revents != 0) {
                 int error = 0;
                 socklen_t len = sizeof error;
-                getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &len);
+                getsockopt(m_socket.get(), SOL_SOCKET, SO_ERROR, &error, &len);
                 if (error != 0) {
                     failed(errno_text(error));
                     return;
@@ -197,15 +194,15 @@ void PublishLink::attempt() {
     const Address address = m_addresses.back();
     m_addresses.pop_back();
     const auto* where = reinterpret_cast<const sockaddr*>(&address.storage);
-    m_fd = socket(where->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (m_fd < 0) {
+    m_socket.reset(socket(where->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!m_socket.valid()) {
         failed(errno_text(errno));
         return;
     }
     const int one = 1;
-    setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setsockopt(m_socket.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     m_deadline = Clock::now() + g_connack_timeout;
-    if (::connect(m_fd, where, address.length) != 0 && errno != EINPROGRESS) {
+    if (::connect(m_socket.get(), where, address.length) != 0 && errno != EINPROGRESS) {
         failed(errno_text(errno));
         return;
     }
@@ -234,7 +231,7 @@ void PublishLink::attempt() {
                          SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     }
     m_ssl = SSL_new(m_tls);
-    SSL_set_fd(m_ssl, m_fd);
+    SSL_set_fd(m_ssl, m_socket.get());
     in6_addr literal_address{};
     const bool literal = inet_pton(AF_INET, m_settings.host.c_str(), &literal_address) == 1 ||
                          inet_pton(AF_INET6, m_settings.host.c_str(), &literal_address) == 1;
@@ -307,7 +304,7 @@ bool PublishLink::read_incoming() {
                 return false;
             }
         } else {
-            n = ::read(m_fd, buffer, sizeof buffer);
+            n = ::read(m_socket.get(), buffer, sizeof buffer);
             if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
                 break;
             }
@@ -385,7 +382,7 @@ Outbox::Sent PublishLink::send(const std::string& topic, const std::vector<std::
 
 void PublishLink::wake() {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const auto n = ::write(m_wake, &one, sizeof one);
+    [[maybe_unused]] const auto n = ::write(m_wake.get(), &one, sizeof one);
 }
 
 bool PublishLink::accepts_more() const {
@@ -440,7 +437,7 @@ bool PublishLink::write_out() {
             }
             m_want_write = false;
         } else {
-            n = ::send(m_fd, data, size, MSG_NOSIGNAL);
+            n = ::send(m_socket.get(), data, size, MSG_NOSIGNAL);
             if (n < 0) {
                 if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
                     return true;
@@ -459,10 +456,7 @@ void PublishLink::shut_socket() {
         SSL_free(m_ssl);
         m_ssl = nullptr;
     }
-    if (m_fd >= 0) {
-        ::close(m_fd);
-        m_fd = -1;
-    }
+    m_socket.reset();
     m_want_write = false;
     m_incoming = packets::PacketReader();
     std::lock_guard<std::mutex> lock(m_out_mutex);
@@ -524,7 +518,7 @@ void PublishLink::close(std::chrono::milliseconds bound) {
             if (left.count() <= 0) {
                 break;
             }
-            pollfd pfd{m_fd, POLLOUT, 0};
+            pollfd pfd{m_socket.get(), POLLOUT, 0};
             ::poll(&pfd, 1, static_cast<int>(left.count()));
         }
     }

@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "descriptor.h"
 #include "mqtt_packets.h"
 #include "mqtt_settings.h"
 #include "outbox.h"
@@ -98,7 +99,7 @@ private:
     };
     std::vector<Address> m_addresses;  // still to try in this attempt, the next one last
     State m_state = State::down;
-    int m_fd = -1;
+    loop::Descriptor m_socket;
     SSL_CTX* m_tls = nullptr;
     SSL* m_ssl = nullptr;
     bool m_want_write{};  // the TLS layer needs the socket writable
@@ -117,7 +118,7 @@ private:
     std::vector<std::uint8_t> m_writing;  // the loop's side of a swap
     std::size_t m_writing_messages{};
 
-    const int m_wake;  // eventfd: another thread buffered something (-1: none)
+    const loop::Descriptor m_wake;  // eventfd: another thread buffered something
 };
 
 }  // namespace ecu::kora::com
