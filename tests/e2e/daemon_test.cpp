@@ -55,6 +55,10 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
          "names '" + dir.path() + "', which cannot be read: not a regular file", ""},
         {{"-L", "-p", absent, "-c", conf("tls_cafile=" + tls.file("ca.key") + "\n")}, sample, 1,
          "transport setting 'tls_cafile' names '" + tls.file("ca.key") + "', which holds no usable CA certificate", "MQTT"},
+        {{"-L", "-p", absent, "-c", conf(ca + "tls_certfile=" + tls.file("ca.key") + "\ntls_keyfile=" + tls.file("client.key"))}, sample, 1,
+         "transport setting 'tls_certfile' names '" + tls.file("ca.key") + "', which holds no usable certificate", "MQTT"},
+        {{"-L", "-p", absent, "-c", conf(ca + "tls_certfile=" + tls.file("client.crt") + "\ntls_keyfile=" + tls.file("ca.crt"))}, sample, 1,
+         "transport setting 'tls_keyfile' names '" + tls.file("ca.crt") + "', which holds no usable private key", "MQTT"},
         {{"-L", "-p", absent, "-c", conf(ca + "tls_certfile=" + tls.file("client.crt") + "\ntls_keyfile=" + tls.file("server.key"))}, sample, 1,
          "transport setting 'tls_keyfile' names '" + tls.file("server.key") + "', whose key does not belong to the certificate of 'tls_certfile'", "MQTT"},
         {{"-L", "-c", conf("tls_certfile=/c\n")}, sample, 1,
@@ -90,6 +94,8 @@ TEST(StartUp, FailuresEndWithTheirStatusAndReason) {
         if (!c.not_before.empty()) {
             EXPECT_EQ(r.out.substr(0, at).find(c.not_before), std::string::npos) << c.line;
         }
+        // A setting that is refused is the one told: the checks after it do not run.
+        EXPECT_LE(count_of(r.out, "transport setting '"), 1U) << r.out;
     }
 }
 

@@ -212,6 +212,17 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {  // a first failure: again within 0.1 s
         EXPECT_LT(ReconnectPolicy(seed).failed("Connection refused", now).delay, 100ms) << seed;
     }
+    // A fleet's first retries after a loss fill the whole band, from half
+    // the first delay to one and a half times it: 25 to 75 ms.
+    std::chrono::milliseconds low = 1s;
+    std::chrono::milliseconds high{};
+    for (std::uint64_t i = 1; i <= 1000; ++i) {
+        const auto delay = ReconnectPolicy(i * 0x9E3779B97F4A7C15ULL).lost();
+        low = std::min(low, delay);
+        high = std::max(high, delay);
+    }
+    EXPECT_TRUE(low >= 25ms && low < 30ms) << low.count();
+    EXPECT_TRUE(high > 70ms && high <= 75ms) << high.count();
 }
 
 // CONNECT as the broker reads it: the flags and lengths say which of user
