@@ -223,6 +223,11 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     }
     EXPECT_TRUE(low >= 25ms && low < 30ms) << low.count();
     EXPECT_TRUE(high > 70ms && high <= 75ms) << high.count();
+    // A loss starts from the first delay, however long the last outage was.
+    for (int i = 0; i < 20; ++i) {
+        policy.failed("refused", now);
+    }
+    EXPECT_LT(policy.lost(), 100ms);
 }
 
 // CONNECT as the broker reads it: the flags and lengths say which of user
