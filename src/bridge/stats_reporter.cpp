@@ -28,7 +28,8 @@ StatsReporter::StatsReporter(const RelayCounters& counters, std::string version)
       m_since_boot_s(
           static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
                                          std::chrono::nanoseconds(DateTime::time_since_boot_ns()))
-                                         .count())) {}
+                                         .count())),
+      m_last_status(m_started) {}
 
 void StatsReporter::arm(com::ITransportClient& transport) {
     transport.set_will(com::topics::health, json_message(R"({"state":"down"})", 1));
@@ -86,10 +87,7 @@ void StatsReporter::tick(com::ITransportClient& transport, bool publish_stats) {
     const auto now = Clock::now();
     const com::LinkStatus link = transport.link_status();
     const std::uint64_t relayed = RelayCounters::get(m_counters.rt_to_broker);
-    const double seconds =
-        std::chrono::duration<double>(
-            now - (m_last_status == Clock::time_point{} ? m_started : m_last_status))
-            .count();
+    const double seconds = std::chrono::duration<double>(now - m_last_status).count();
     const std::uint64_t dropped = link.dropped_offline + RelayCounters::get(m_counters.rx_damaged) +
                                   RelayCounters::get(m_counters.unknown_ids);
     // Ticks are a timer period (a second or more) apart.

@@ -48,7 +48,7 @@ private:
     const std::string m_version;
     const Clock::time_point m_started;
     std::uint64_t m_since_boot_s;
-    Clock::time_point m_last_status{};
+    Clock::time_point m_last_status;  // of the last tick, or the start
     std::uint64_t m_last_relayed{};
     std::string m_last_status_text;
 };
