@@ -90,10 +90,14 @@ TEST(QueuePort, ReaderDeliversAcrossReadsAndReportsEachDamageStretchOnce) {
     claims.insert(claims.end(), after.begin(), after.end());
     write_all(fd, claims);
     ASSERT_TRUE(wait_until([&] { return reader.count() == 3; }));
+    Bytes named = encoded(5, 8);  // twenty bytes name a record: its id and its length
+    named.resize(20);
+    write_all(fd, named);
+    ASSERT_TRUE(wait_until([&] { return !log.find("record of id 5 announced 8").empty(); }));
     ::close(fd);
     ASSERT_TRUE(wait_until([&] { return reader.finished_count > 0; }));
     EXPECT_EQ(reader.ids, (std::vector<std::uint32_t>{1, 2, 4}));
-    EXPECT_EQ(reader.resyncs, (std::vector<std::size_t>{37, record_header_size + 20}));
+    EXPECT_EQ(reader.resyncs, (std::vector<std::size_t>{37, record_header_size + 20, 20}));
     ASSERT_EQ(log.find("out of step").size(), 1U);
     EXPECT_EQ(log.find("out of step")[0].severity, ecu::kora::logging::error);
     ASSERT_EQ(log.find("record of id 3 announced 1000 payload bytes, only 49 arrived within 300 ms")

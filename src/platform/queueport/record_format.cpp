@@ -26,8 +26,8 @@ constexpr std::ptrdiff_t magic_size = sizeof record_magic;
 // Whether the bytes from at up to end could be the start of a record: the
 // whole magic, or as much of it as has arrived.
 bool magic_prefix_at(const std::uint8_t* at, const std::uint8_t* end) {
-    const auto n = std::min<std::size_t>(sizeof record_magic, static_cast<std::size_t>(end - at));
-    return std::memcmp(at, record_magic, n) == 0;
+    return std::memcmp(at, record_magic,
+                       static_cast<std::size_t>(std::min(magic_size, end - at))) == 0;
 }
 
 }  // namespace
