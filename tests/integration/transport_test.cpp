@@ -2,6 +2,7 @@
 // and TLS listeners, and delivery.
 
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <map>
 #include <regex>
@@ -88,6 +89,15 @@ TEST(Transport, ConnectOutcomesAndATlsErrorWhileReconnecting) {
         for (const auto& line : log.lines()) {
             EXPECT_EQ(line.text.find("Hunter2"), std::string::npos) << line.text;
         }
+    }
+    // A TLS file refused before connecting leaves OpenSSL's error queue
+    // empty: a stale entry would be blamed on the next handshake.
+    for (const Settings& refused : {tls_with("tls_cafile", tls.file("ca.key")),
+                                    Settings{{"tls_cafile", tls.file("ca.crt")},
+                                             {"tls_certfile", tls.file("client.crt")},
+                                             {"tls_keyfile", tls.file("server.key")}}}) {
+        EXPECT_FALSE(Client(login, refused).client);
+        EXPECT_EQ(ERR_peek_error(), 0UL);
     }
     // A TLS error while reconnecting (a plain broker on the TLS port for a
     // while) does not end reconnecting, nor does a refusal. What waited beyond the
