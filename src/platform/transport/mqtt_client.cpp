@@ -171,6 +171,10 @@ bool MqttClient::stop() {
         logging::ERROR << log_module() << "stop() cannot be called on the delivery thread";
         return false;
     }
+    if (m_stopped) {
+        return true;  // what was left behind has been said once
+    }
+    m_stopped = true;
     // Publishers return 0 from now on, waiting ones too. The RT data link
     // writes what it holds itself: its loop has ended.
     const auto end = std::chrono::steady_clock::now() + g_stop_flush_timeout;

@@ -135,6 +135,7 @@ private:
     bool m_subscriptions_live{};  // SUBSCRIBE can be sent now
 
     std::mutex m_stop_mutex;
+    bool m_stopped{};  // under m_stop_mutex
 };
 
 }  // namespace ecu::kora::com
