@@ -153,14 +153,20 @@ TEST(QueuePort, WriterRoundTripAndFailures) {
     EXPECT_FALSE(writer.open(path));  // no reader within the bounded wait
     EXPECT_EQ(log.find("No such device or address").size(), 1U);
     {
-        Reader reader(path);
-        ASSERT_TRUE(writer.open(path));
+        std::unique_ptr<Reader> reader;
+        std::thread late([&] {  // a reader that comes within the wait is waited for
+            std::this_thread::sleep_for(100ms);
+            reader = std::make_unique<Reader>(path);
+        });
+        const bool opened = writer.open(path);
+        late.join();
+        ASSERT_TRUE(opened);
         for (const IpcSignal& s :
              {IpcSignal{1, 0, 0, {}}, IpcSignal{2, 0, 0, Bytes(record_max_payload)}}) {
             ASSERT_TRUE(writer.transmit_data(s));  // a large one goes in parts, never torn
         }
-        ASSERT_TRUE(wait_until([&] { return reader.count() == 2; }));
-        EXPECT_TRUE(reader.resyncs.empty());
+        ASSERT_TRUE(wait_until([&] { return reader->count() == 2; }));
+        EXPECT_TRUE(reader->resyncs.empty());
     }
     const int rfd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_TRUE(writer.open(path));

@@ -177,6 +177,19 @@ TEST(Transport, DeliveryRules) {
     EXPECT_EQ(t->publish("status/last", last), 1);
     t->stop();
     EXPECT_TRUE(log.find("stopping with").empty());  // nothing was left behind
+    {  // the broker holds the confirmation back: the stop says what it leaves
+        Client held(broker.port(), {{"client_name", "held"}});
+        ASSERT_TRUE(held->connect());
+        broker.pause();
+        Message unconfirmed = message(std::string("h"), 1);
+        EXPECT_EQ(held->publish("status/h", unconfirmed), 1);
+        EXPECT_TRUE(held->stop());
+        broker.resume();
+    }
+    EXPECT_EQ(log.find("stopping with 1 messages not confirmed by the broker and 0 messages "
+                       "never sent")
+                  .size(),
+              1U);
 }
 
 }  // namespace
