@@ -767,7 +767,7 @@ int main(int argc, char** argv) {
             print_line("waiting for ipcd to open RX " + opts.rx + " ...");
             told = true;
         }
-        pollfd fds[2] = {{sig_fd, POLLIN, 0}, {tx_fd, POLLIN, 0}};
+        pollfd fds[2] = {{sig_fd, POLLIN, {}}, {tx_fd, POLLIN, {}}};
         if (poll(fds, 2, 50) > 0) {
             if (signalled()) {
                 return 0;
@@ -826,8 +826,8 @@ int main(int argc, char** argv) {
                 std::chrono::ceil<std::chrono::milliseconds>(source->due() - Clock::now());
             timeout = static_cast<int>(std::max<long long>(0, wait.count()));
         }
-        pollfd fds[3] = {{sig_fd, POLLIN, 0},
-                         {tx_fd, POLLIN, 0},
+        pollfd fds[3] = {{sig_fd, POLLIN, {}},
+                         {tx_fd, POLLIN, {}},
                          {rx_fd, static_cast<short>(sent < pending.size() ? POLLOUT : 0), 0}};
         if (poll(fds, 3, timeout) < 0 && errno != EINTR) {
             error_line(std::string("poll: ") + std::strerror(errno));

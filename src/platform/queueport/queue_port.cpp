@@ -176,7 +176,7 @@ void QueuePortReader<Depth, Record>::read_loop() {
     while (!ended && !stop_requested.load()) {
         // Slots: the port (unless what it feeds is full), the stop, the source's.
         constexpr std::size_t max_slots = 6;
-        pollfd pfd[max_slots] = {{m_device.get(), POLLIN, 0}, {stop_requested.fd(), POLLIN, 0}};
+        pollfd pfd[max_slots] = {{m_device.get(), POLLIN, {}}, {stop_requested.fd(), POLLIN, {}}};
         std::size_t slots = 2;
         if (m_source != nullptr && !m_source->accepts_more()) {
             pfd[0].fd = -1;  // poll ignores it: the RT side waits
@@ -356,7 +356,7 @@ bool QueuePortWriter<Depth, Record>::transmit_data(const Signal& signal) {
                            << " bytes within " << room_wait.count() << " ms";
             return false;
         }
-        pollfd pfd{m_device.get(), POLLOUT, 0};
+        pollfd pfd{m_device.get(), POLLOUT, {}};
         const auto p =
             sys_call("poll", [&] { return ::poll(&pfd, 1, static_cast<int>(left.count())); });
         if (p.failed()) {

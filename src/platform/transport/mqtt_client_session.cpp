@@ -51,30 +51,28 @@ std::string tcp_refusal(const std::string& host, int port, std::chrono::millisec
     std::unique_ptr<addrinfo, void (*)(addrinfo*)> addresses(found, &freeaddrinfo);
     std::string reason = "no address";
     for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
-        const int fd =
-            socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
-        if (fd < 0) {
+        const loop::Descriptor fd(
+            socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol));
+        if (!fd.valid()) {
             reason = describe(MOSQ_ERR_ERRNO);
             continue;
         }
         int error = 0;
-        if (::connect(fd, a->ai_addr, a->ai_addrlen) != 0) {
+        if (::connect(fd.get(), a->ai_addr, a->ai_addrlen) != 0) {
             error = errno;
-            pollfd pfd[2] = {{fd, POLLOUT, 0}, {wake, POLLIN, 0}};
+            pollfd pfd[2] = {{fd.get(), POLLOUT, {}}, {wake, POLLIN, {}}};
             if (error == EINPROGRESS) {
                 const int ready = poll(pfd, wake >= 0 ? 2 : 1, static_cast<int>(bound.count()));
                 error = ready > 0 && pfd[0].revents != 0 ? 0 : ETIMEDOUT;
                 if (ready > 0 && pfd[0].revents == 0) {
-                    close(fd);
                     return "stopping";
                 }
                 socklen_t len = sizeof error;
                 if (error == 0) {
-                    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len);
+                    getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &len);
                 }
             }
         }
-        close(fd);
         if (error == 0) {
             return {};
         }

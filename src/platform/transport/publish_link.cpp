@@ -62,7 +62,7 @@ std::size_t PublishLink::fill(pollfd* slots, std::size_t max) {
     }
     std::size_t used = 0;
     if (max > used) {
-        slots[used++] = {m_wake.get(), POLLIN, 0};
+        slots[used++] = {m_wake.get(), POLLIN, {}};
     }
     if (max > used && m_socket.valid()) {
         short events = 0;
@@ -81,7 +81,7 @@ std::size_t PublishLink::fill(pollfd* slots, std::size_t max) {
                 }
             }
         }
-        slots[used++] = {m_socket.get(), events, 0};
+        slots[used++] = {m_socket.get(), events, {}};
     }
     return used;
 }
@@ -518,7 +518,7 @@ void PublishLink::close(std::chrono::milliseconds bound) {
             if (left.count() <= 0) {
                 break;
             }
-            pollfd pfd{m_socket.get(), POLLOUT, 0};
+            pollfd pfd{m_socket.get(), POLLOUT, {}};
             ::poll(&pfd, 1, static_cast<int>(left.count()));
         }
     }
