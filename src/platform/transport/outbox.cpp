@@ -184,21 +184,16 @@ void Outbox::written(int mid) {
         std::lock_guard<std::mutex> ids(m_qos1_mutex);
         qos1 = m_qos1_ids.erase(mid) > 0;
     }
-    const std::size_t before = pending_locked();
     remove_pending(qos1 ? 1 : 0);
-    // Waiters: publishers need room, close() needs zero.
-    if (before >= m_max_pending || pending_locked() == 0) {
-        m_cv.notify_all();
-    }
+    // Waiters (publishers that need room, a close() that needs zero) check
+    // for themselves; with none waiting this costs next to nothing.
+    m_cv.notify_all();
 }
 
 void Outbox::written_qos0(std::size_t n) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::size_t before = pending_locked();
     m_pending_qos0 -= std::min(n, m_pending_qos0);
-    if (before >= m_max_pending || pending_locked() == 0) {
-        m_cv.notify_all();
-    }
+    m_cv.notify_all();
 }
 
 Outbox::Unsent Outbox::close(std::chrono::milliseconds bound) {
