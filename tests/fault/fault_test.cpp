@@ -88,7 +88,7 @@ TEST(Fault, BrokerRestartsUnderAStream) {
 TEST(Fault, IdleRtDataConnectionPingsAndStaysUp) {
     Broker broker("log_type all\n");
     Daemon daemon(broker.port());
-    daemon.start({"-c", daemon.dir().write("ipcd.conf", "keepalive=5\nstats_interval=60\n")});
+    daemon.start({"-c", daemon.dir().write("ipcd.conf", "keepalive=2\nstats_interval=60\n")});
     release(daemon, broker.port());
     daemon.write_record(20, {0x2a, 0x00, 0x01}, 42);
     ASSERT_TRUE(wait_until(
@@ -98,6 +98,12 @@ TEST(Fault, IdleRtDataConnectionPingsAndStaysUp) {
         20s));
     std::this_thread::sleep_for(300ms);  // a link given up at its ping says so at once
     EXPECT_EQ(count_of(daemon.process().out(), " lost: "), 0U) << daemon.process().out();
+    for (const char* client : {"as ipcd-rt (", "as ipcd ("}) {  // 2 s raised to the least, 5 s
+        const std::string log = broker.process().err();
+        const auto at = log.find(client);
+        ASSERT_NE(at, std::string::npos) << log;
+        EXPECT_NE(log.substr(at, log.find(')', at) - at).find(", k5"), std::string::npos) << log;
+    }
 }
 
 // Garbage on every topic ipcd listens to, every cut and every byte changed of

@@ -6,6 +6,7 @@
 #include <openssl/ssl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -170,7 +171,7 @@ std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& conf
         return std::nullopt;
     }
     s.port = static_cast<int>(*port);
-    s.keepalive = *keepalive > 0 && *keepalive < 5 ? 5 : static_cast<int>(*keepalive);
+    s.keepalive = *keepalive == 0 ? 0 : std::max(5, static_cast<int>(*keepalive));
     s.max_pending = static_cast<std::size_t>(*max_pending);
     s.offline_queue = static_cast<std::size_t>(*offline_queue);
 
