@@ -421,6 +421,11 @@ TEST(Daemon, ShowsItselfFromOutside) {
     EXPECT_EQ(last["reconnects"], 0);
     // The first ones as ever; a summary after the minute.
     EXPECT_LT(count_of(daemon.process().out(), "Unable to find rt-id 9999"), 20U);
+    // What `systemctl status` shows then: every record dropped, for either reason.
+    EXPECT_TRUE(wait_until([&] {
+        return daemon.notifications("STATUS=").back().find("; 10001 dropped so far") !=
+               std::string::npos;
+    })) << daemon.notifications("STATUS=").back();
 
     daemon.process().signal(SIGKILL);
     EXPECT_TRUE(wait_until([&] { return ctl(port, {"health"}).status == 3; }));  // the will
