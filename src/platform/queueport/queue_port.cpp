@@ -290,9 +290,7 @@ bool QueuePortWriter<Depth, Record>::open(const std::string& path) {
     // A reader that goes away must come back as EPIPE from write(), not as a
     // signal that ends the whole daemon.
     static std::once_flag sigpipe_once;
-    std::call_once(sigpipe_once, [] {
-        sys_call("signal", [] { return std::signal(SIGPIPE, SIG_IGN) == SIG_ERR ? -1 : 0; });
-    });
+    std::call_once(sigpipe_once, [] { std::signal(SIGPIPE, SIG_IGN); });
 
     m_device.reset();
     m_path = path;
