@@ -63,10 +63,10 @@ std::string tcp_refusal(const std::string& host, int port, std::chrono::millisec
             pollfd pfd[2] = {{fd.get(), POLLOUT, {}}, {wake, POLLIN, {}}};
             if (error == EINPROGRESS) {
                 const int ready = poll(pfd, wake >= 0 ? 2 : 1, static_cast<int>(bound.count()));
-                error = ready > 0 && pfd[0].revents != 0 ? 0 : ETIMEDOUT;
                 if (ready > 0 && pfd[0].revents == 0) {
                     return "stopping";
                 }
+                error = ready > 0 ? 0 : ETIMEDOUT;
                 socklen_t len = sizeof error;
                 if (error == 0) {
                     getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &len);
