@@ -98,6 +98,17 @@ TEST(RecordFormat, SkipsDamageAndKeepsWhatFollows) {
     d.feed(part.data(), part.size());
     IpcSignal s;
     EXPECT_TRUE(d.next(s) && !d.next(s) && d.pending() == 2U);
+    // A record given up while the next one is still arriving: the next one
+    // is waited for, not given up with it.
+    RecordDecoder g;
+    const Bytes next = encoded(2, 8);
+    const Bytes held = concat({encoded(9, 20, 600), Bytes(next.begin(), next.begin() + 10)});
+    g.feed(held.data(), held.size());
+    EXPECT_FALSE(g.next(s));
+    g.abandon_partial();
+    EXPECT_FALSE(g.next(s));
+    g.feed(next.data() + 10, next.size() - 10);
+    EXPECT_TRUE(g.next(s) && s.id == 2);
 }
 
 }  // namespace
