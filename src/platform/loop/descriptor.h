@@ -7,19 +7,12 @@
 
 #include <unistd.h>
 
-#include <utility>
-
 namespace ecu::kora::loop {
 
 class Descriptor {
 public:
     Descriptor() = default;
     explicit Descriptor(int fd) : m_fd(fd) {}
-    Descriptor(Descriptor&& other) noexcept : m_fd(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        reset(other.release());
-        return *this;
-    }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     ~Descriptor() { reset(); }
@@ -36,7 +29,6 @@ public:
         }
         m_fd = fd;
     }
-    int release() { return std::exchange(m_fd, none); }
 
 private:
     static constexpr int none = -1;
