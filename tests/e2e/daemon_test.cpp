@@ -215,6 +215,16 @@ TEST(Daemon, WatchdogAndSigtermMidStreamOverTls) {
                          tls.file("client.key"), "ping"})
                   .status,
               0);
+    // RT data leaves on ipcd's own connection, which then shows the client
+    // certificate too (rt/vehicle/speed is retained, so it goes out at once).
+    Daemon mutual(cert);
+    mutual.start(
+        {"-c", mutual.dir().write("ipcd.conf",
+                                  "tls_cafile=" + ca + "\ntls_certfile=" + tls.file("client.crt") +
+                                      "\ntls_keyfile=" + tls.file("client.key") + "\n")});
+    mutual.write_record(20, std::vector<std::uint8_t>(8, 1));
+    EXPECT_TRUE(watch(broker.port(), {"rt/vehicle/speed"})->wait_out("rt/vehicle/speed"))
+        << mutual.process().out();
 }
 
 // Behind the shipped ACL, everyone logged in: the flow works; what a client
