@@ -322,10 +322,14 @@ void MqttClient::handle_connect(int rc) {
             }
         }
         if (!first) {
+            // The reason first: whoever has read the line finds it in the status.
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_refusal = "refused: " + describe_connack(rc);
+                m_waiting_reason = m_refusal;
+            }
             logging::WARNING << log_module() << "broker " << where()
                              << " refused the reconnection: " << describe_connack(rc);
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_waiting_reason = "refused: " + describe_connack(rc);
         }
         return;
     }
@@ -343,6 +347,7 @@ void MqttClient::handle_connect(int rc) {
         m_ever_connected = true;
         m_link_up = true;
         m_waiting_reason.clear();
+        m_refusal.clear();
         if (!m_connack) {
             m_connack = 0;
         }

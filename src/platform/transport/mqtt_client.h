@@ -127,6 +127,9 @@ private:
     std::string m_connect_error;
     bool m_link_up{};              // a CONNACK accepted the current connection
     std::string m_waiting_reason;  // the last failed attempt's reason, while down
+    // A reconnection's refused CONNACK, until its attempt is counted: the
+    // broker's answer says more than the loop's error code.
+    std::string m_refusal;
 
     // Subscriptions: replaced as a whole, so that a delivery reads a snapshot
     // and an observer may subscribe without deadlock.

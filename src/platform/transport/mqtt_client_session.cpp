@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <utility>
 
 #include "mosquitto_text.h"
 #include "mqtt_client.h"
@@ -227,7 +228,14 @@ void MqttClient::network_loop() {
             delay = m_policy.lost();
             continue;
         }
-        delay = attempt_failed(describe(rc));
+        std::string reason = describe(rc);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_refusal.empty()) {
+                reason = std::exchange(m_refusal, {});
+            }
+        }
+        delay = attempt_failed(reason);
     }
 }
 
