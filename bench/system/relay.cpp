@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <functional>
 #include <thread>
 
 #include "bench.h"
@@ -86,6 +87,10 @@ Turn lines(int port, std::size_t size, std::size_t count) {
     return {s > 0 ? static_cast<double>(got) / s : 0, count - std::min(count, got), 0};
 }
 
+enum { ipcd_turns, relay_turns, plain_turns, lines_turns, kinds };
+const std::string g_names[kinds] = {"relay", "simplest relay", "plain publisher",
+                                    "mosquitto_pub -l"};
+
 std::string lost_dup(const Turn& t) {
     return std::to_string(t.lost) + " / " + std::to_string(t.duplicated);
 }
@@ -94,7 +99,6 @@ std::string lost_dup(const Turn& t) {
 
 void relay(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRelay& simple,
            pid_t broker) {
-    enum { ipcd_turns, relay_turns, plain_turns, lines_turns, kinds };
     for (std::size_t size : {std::size_t{64}, std::size_t{1024}}) {
         const std::string label = "RT->broker " + std::to_string(size) + " B";
         // The publishers take turns, cfg.repeats times, and the median rate of
@@ -108,49 +112,36 @@ void relay(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRe
         std::uint64_t self_ns[kinds] = {};
         const CostMeter meter(daemon.process().pid(), daemon.dir().file("allocs"));
         const CostMeter relay_meter(simple.pid(), simple.alloc_counts());
+        // A relay's turn: records into its RX, what it spent counted.
+        auto relay_turn = [&](const CostMeter& m, Costs& spent, int rx, const std::string& topic) {
+            const Costs before = m.now();
+            const Turn t = relayed(port, rx, topic, size, cfg.relay_count);
+            spent += m.now() - before;
+            return t;
+        };
+        const std::function<Turn()> runs[kinds] = {
+            [&] { return relay_turn(meter, ipcd, daemon.rx(), g_data_topic); },
+            [&] { return relay_turn(relay_meter, relay, simple.rx(), g_relay_topic); },
+            [&] { return published(port, size, cfg.relay_count); },
+            [&] { return lines(port, size, cfg.relay_count); },
+        };
         for (int round = 1; round <= cfg.repeats; ++round) {
             const std::string of = " " + std::to_string(size) + " B x " +
                                    std::to_string(cfg.relay_count) + " (" + std::to_string(round) +
                                    "/" + std::to_string(cfg.repeats) + ")";
-            // One turn of publisher which, its broker and bench CPU counted.
-            auto turn = [&](int which, const std::string& name, auto run) {
-                progress(name + of);
+            // Each round led by another publisher, so that none always
+            // follows the same one; its broker and bench CPU counted.
+            for (int k = 0; k < kinds; ++k) {
+                const int which = (round - 1 + k) % kinds;
+                progress(g_names[which] + of);
                 const std::uint64_t broker0 = cpu_ns(broker);
                 const std::uint64_t self0 = self_cpu_ns();
-                const Turn t = run();
+                const Turn t = runs[which]();
                 broker_ns[which] += cpu_ns(broker) - broker0;
                 self_ns[which] += self_cpu_ns() - self0;
                 rates[which].push_back(t.rate);
                 sums[which].lost += t.lost;
                 sums[which].duplicated += t.duplicated;
-            };
-            // Each round led by another publisher, so that none always
-            // follows the same one.
-            for (int k = 0; k < kinds; ++k) {
-                const int which = (round - 1 + k) % kinds;
-                if (which == ipcd_turns) {
-                    turn(ipcd_turns, "relay", [&] {
-                        const Costs before = meter.now();
-                        const Turn t =
-                            relayed(port, daemon.rx(), g_data_topic, size, cfg.relay_count);
-                        ipcd += meter.now() - before;
-                        return t;
-                    });
-                } else if (which == relay_turns) {
-                    turn(relay_turns, "simplest relay", [&] {
-                        const Costs before = relay_meter.now();
-                        const Turn t =
-                            relayed(port, simple.rx(), g_relay_topic, size, cfg.relay_count);
-                        relay += relay_meter.now() - before;
-                        return t;
-                    });
-                } else if (which == plain_turns) {
-                    turn(plain_turns, "plain publisher",
-                         [&] { return published(port, size, cfg.relay_count); });
-                } else {
-                    turn(lines_turns, "mosquitto_pub -l",
-                         [&] { return lines(port, size, cfg.relay_count); });
-                }
             }
         }
         // The ratio is taken within each round, as the latency's: the
