@@ -159,7 +159,6 @@ std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& conf
     s.tls_keyfile = config.get("tls_keyfile");
 
     const auto port = number(config, "port", 0, 1, 65535);
-    // libmosquitto takes 0 (no keepalive) or at least 5 seconds.
     const auto keepalive = number(config, "keepalive", 60, 0, 65535);
     const auto max_pending = number(config, "max_pending", 4096, 1, INT_MAX);
     const auto offline_queue = number(config, "offline_queue", 10000, 0, INT_MAX);
@@ -171,7 +170,10 @@ std::optional<MqttSettings> read_mqtt_settings(const config::Configuration& conf
         return std::nullopt;
     }
     s.port = static_cast<int>(*port);
-    s.keepalive = *keepalive == 0 ? 0 : std::max(5, static_cast<int>(*keepalive));
+    // libmosquitto takes at least 5 seconds. Its loop takes its sleep from the
+    // keepalive and, without one, never sleeps: "off" is the longest the
+    // protocol allows, a ping every 18 hours on an idle link.
+    s.keepalive = *keepalive == 0 ? 65535 : std::max(5, static_cast<int>(*keepalive));
     s.max_pending = static_cast<std::size_t>(*max_pending);
     s.offline_queue = static_cast<std::size_t>(*offline_queue);
 
