@@ -221,7 +221,7 @@ void relay(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRe
            pid_t broker);
 void latency(const Config& cfg, Report& report, int port, Daemon& daemon, SimpleRelay& simple);
 void broker_to_rt(const Config& cfg, Report& report, int port, Daemon& daemon);
-void idle(const Config& cfg, Report& report, Daemon& daemon);
+void idle(const Config& cfg, Report& report, Daemon& daemon, int port);
 void earlybird(const Config& cfg, Report& report, int port);
 void restart(const Config& cfg, Report& report);
 void stop(const Config& cfg, Report& report);

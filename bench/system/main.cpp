@@ -45,7 +45,7 @@ int run_all(const Config& cfg) {
         progress("starting the simplest relay");
         SimpleRelay simple(port);
         if (wanted(cfg, "idle")) {
-            idle(cfg, report, daemon);
+            idle(cfg, report, daemon, port);
         }
         if (wanted(cfg, "relay")) {
             relay(cfg, report, port, daemon, simple, broker.pid());
@@ -102,7 +102,8 @@ int run_all(const Config& cfg) {
         "    in its column, what the simplest relay itself adds over the plain publisher.\n"
         "  broker->RT: %zu framed SignalGroupData on %s from a bounded QoS 0 publisher;\n"
         "    ipcd = records out of TX per second, baseline = a plain subscriber of the same.\n"
-        "  idle: %.0f s, all threads' schedstat run time. soak: %.0f s.\n"
+        "  idle: %.0f s, all threads' schedstat run time; keepalive=0, stats off: then a\n"
+        "    second ipcd with that configuration. soak: %.0f s.\n"
         "  outside libmosquitto: goal half of the 2439 instructions per record measured the\n"
         "    same way before the per-record work was cut.\n",
         g_max_outstanding, cfg.relay_count, cfg.repeats, cfg.latency_count, cfg.latency_rate,
