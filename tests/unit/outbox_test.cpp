@@ -174,8 +174,8 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     using Clock = ReconnectPolicy::Clock;
     ReconnectPolicy policy(1);
     ReconnectPolicy other(2);
-    EXPECT_LT(policy.lost(), 100ms);
     auto now = Clock::time_point{};
+    EXPECT_LT(policy.lost("reset", now).delay, 100ms);
     std::vector<std::string> lines;
     std::chrono::milliseconds last{};
     std::vector<std::chrono::milliseconds> delays;
@@ -207,7 +207,7 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     EXPECT_FALSE(quiet.failed("refused", now + 59s).log_line.has_value());
     EXPECT_EQ(quiet.failed("reset", now + 60s).log_line,
               "still cannot reach the broker after 2 more attempts in 60 s; last reason: reset");
-    policy.connected();
+    policy.connected(now);
     EXPECT_TRUE(policy.failed("TLS error", now).log_line.has_value());
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {  // a first failure: again within 0.1 s
         EXPECT_LT(ReconnectPolicy(seed).failed("Connection refused", now).delay, 100ms) << seed;
@@ -217,17 +217,54 @@ TEST(ReconnectPolicy, BacksOffWithJitterAndTellsOnceAMinute) {
     std::chrono::milliseconds low = 1s;
     std::chrono::milliseconds high{};
     for (std::uint64_t i = 1; i <= 1000; ++i) {
-        const auto delay = ReconnectPolicy(i * 0x9E3779B97F4A7C15ULL).lost();
+        const auto delay = ReconnectPolicy(i * 0x9E3779B97F4A7C15ULL).lost("reset", now).delay;
         low = std::min(low, delay);
         high = std::max(high, delay);
     }
     EXPECT_TRUE(low >= 25ms && low < 30ms) << low.count();
     EXPECT_TRUE(high > 70ms && high <= 75ms) << high.count();
-    // A loss starts from the first delay, however long the last outage was.
+    // A loss after a link that stayed up starts from the first delay, however
+    // long the last outage was.
     for (int i = 0; i < 20; ++i) {
         policy.failed("refused", now);
     }
-    EXPECT_LT(policy.lost(), 100ms);
+    EXPECT_TRUE(policy.connected(now));
+    EXPECT_LT(policy.lost("reset", now + 10s).delay, 100ms);
+
+    // A link the broker keeps closing half a second after making it (another
+    // client of the same name) is one outage: its first loss and return are
+    // told, then a line a minute; the delays grow to the cap.
+    ReconnectPolicy flapping(4);
+    EXPECT_TRUE(flapping.connected(now));
+    std::vector<bool> told;
+    std::vector<std::string> summaries;
+    std::chrono::milliseconds longest{};
+    const auto start = now;
+    for (int i = 0; i < 100; ++i) {
+        now += 500ms;
+        const auto loss = flapping.lost("closed", now);
+        told.push_back(loss.report);
+        if (loss.log_line) {
+            summaries.push_back(*loss.log_line);
+        }
+        longest = std::max(longest, loss.delay);
+        now += loss.delay;
+        told.push_back(flapping.connected(now));
+    }
+    EXPECT_EQ(std::count(told.begin(), told.end(), true), 2);
+    EXPECT_TRUE(told[0] && told[1]);
+    EXPECT_EQ(longest, 3s);
+    ASSERT_FALSE(summaries.empty());
+    EXPECT_LE(summaries.size(),
+              std::chrono::duration_cast<std::chrono::minutes>(now - start).count());
+    EXPECT_NE(summaries[0].find(" more losses within 10 s of connecting in 6"), std::string::npos)
+        << summaries[0];
+    EXPECT_NE(summaries[0].find("; last reason: closed"), std::string::npos);
+    // Up for a minute: the next loss is told and retried at once again.
+    const auto settled = flapping.lost("reset", now + 1min);
+    EXPECT_TRUE(settled.report);
+    EXPECT_LT(settled.delay, 100ms);
+    EXPECT_TRUE(flapping.connected(now + 1min));
 }
 
 // CONNECT as the broker reads it: the flags and lengths say which of user

@@ -337,7 +337,7 @@ void MqttClient::handle_connect(int rc) {
     // them too.
     resubscribe_all();
     const Outbox::Resumed resumed = m_outbox.connected();
-    m_policy.connected();
+    const bool tell = m_policy.connected(ReconnectPolicy::Clock::now());
     m_session_up = true;
     if (resumed.reconnection) {
         m_reconnects.fetch_add(1, std::memory_order_relaxed);
@@ -359,7 +359,7 @@ void MqttClient::handle_connect(int rc) {
     if (!logging::DEBUG.admits(log_module().get())) {
         mosquitto_log_callback_set(m_mosq, nullptr);
     }
-    if (resumed.reconnection) {
+    if (resumed.reconnection && tell) {
         logging::NOTICE << log_module() << "connection to broker " << where() << " re-established; "
                         << resumed.sent << " queued messages sent, " << resumed.restored
                         << " retained messages restored";
@@ -392,10 +392,7 @@ void MqttClient::handle_disconnect(int rc) {
         m_cv.notify_all();
     }
     m_outbox.disconnected();
-    if (report) {
-        logging::WARNING << log_module() << "connection to broker " << where()
-                         << " lost: " << describe(rc) << "; reconnecting";
-    }
+    m_lost_reason = describe(rc);  // told by the loop, as the policy says
 }
 
 void MqttClient::handle_message(const mosquitto_message& message) {

@@ -107,7 +107,8 @@ private:
     const loop::Descriptor m_wake;  // an eventfd, made by the constructor (none if that failed)
     // The network thread's own: when to try again.
     ReconnectPolicy m_policy;
-    bool m_session_up{};  // a CONNACK accepted the connection the loop runs
+    bool m_session_up{};        // a CONNACK accepted the connection the loop runs
+    std::string m_lost_reason;  // network thread: why the session ended
     std::atomic<std::uint64_t> m_reconnects{};
 
     // Guards the session state below; m_cv signals the CONNACK, the end of

@@ -225,7 +225,19 @@ void MqttClient::network_loop() {
         down = true;
         if (m_session_up) {
             m_session_up = false;
-            delay = m_policy.lost();
+            const std::string reason = m_lost_reason.empty() ? describe(rc) : m_lost_reason;
+            const ReconnectPolicy::Loss loss = m_policy.lost(reason, ReconnectPolicy::Clock::now());
+            if (loss.report) {
+                logging::WARNING << log_module() << "connection to broker " << where()
+                                 << " lost: " << reason << "; reconnecting";
+            } else if (loss.log_line) {
+                logging::WARNING << log_module() << "connection to broker " << where()
+                                 << " keeps dropping: " << *loss.log_line
+                                 << "; is another client connected as '" << m_settings.client_name
+                                 << "'?";
+            }
+            m_lost_reason.clear();
+            delay = loss.delay;
             continue;
         }
         std::string reason = describe(rc);

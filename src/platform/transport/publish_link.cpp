@@ -328,11 +328,11 @@ bool PublishLink::read_incoming() {
             m_deadline = Clock::time_point::max();
             m_last_sent = Clock::now();
             m_up = true;
-            m_policy.connected();
+            const bool tell = m_policy.connected(Clock::now());
             const bool again = m_ever_up.exchange(true);
             m_reported_down = false;
             const Outbox::Resumed resumed = m_outbox.connected();
-            if (again) {
+            if (again && tell) {
                 logging::NOTICE << log_module() << "RT data connection to broker "
                                 << m_settings.host << ":" << m_settings.port << " re-established; "
                                 << resumed.sent << " queued messages sent, " << resumed.restored
@@ -494,9 +494,16 @@ void PublishLink::failed(const std::string& reason) {
 
 void PublishLink::lost(const std::string& reason) {
     go_down();
-    m_retry_at = Clock::now() + m_policy.lost();
-    logging::WARNING << log_module() << "RT data connection to broker " << m_settings.host << ":"
-                     << m_settings.port << " lost: " << reason << "; reconnecting";
+    const ReconnectPolicy::Loss loss = m_policy.lost(reason, Clock::now());
+    m_retry_at = Clock::now() + loss.delay;
+    if (loss.report) {
+        logging::WARNING << log_module() << "RT data connection to broker " << m_settings.host
+                         << ":" << m_settings.port << " lost: " << reason << "; reconnecting";
+    } else if (loss.log_line) {
+        logging::WARNING << log_module() << "RT data connection to broker " << m_settings.host
+                         << ":" << m_settings.port << " keeps dropping: " << *loss.log_line
+                         << "; is another client connected as '" << m_client_id << "'?";
+    }
 }
 
 void PublishLink::close(std::chrono::milliseconds bound) {

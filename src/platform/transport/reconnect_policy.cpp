@@ -38,9 +38,31 @@ std::chrono::milliseconds ReconnectPolicy::delay() {
     return std::chrono::milliseconds(static_cast<long long>(jittered));
 }
 
-std::chrono::milliseconds ReconnectPolicy::lost() {
-    connected();
-    return delay();
+ReconnectPolicy::Loss ReconnectPolicy::lost(const std::string& reason, Clock::time_point now) {
+    const bool quick = m_connected_at && now - *m_connected_at < stable_period;
+    m_connected_at.reset();
+    if (!quick) {
+        m_attempts = 0;
+        m_quick = 0;
+        return {delay(), true, std::nullopt};
+    }
+    ++m_attempts;
+    if (++m_quick == 1) {
+        m_quick_unreported = 0;
+        m_quick_line = now;
+        return {delay(), true, std::nullopt};
+    }
+    ++m_quick_unreported;
+    Loss loss{delay(), false, std::nullopt};
+    if (now - m_quick_line >= summary_period) {
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - m_quick_line);
+        loss.log_line = std::to_string(m_quick_unreported) + " more losses within " +
+                        std::to_string(stable_period.count()) + " s of connecting in " +
+                        std::to_string(seconds.count()) + " s; last reason: " + reason;
+        m_quick_unreported = 0;
+        m_quick_line = now;
+    }
+    return loss;
 }
 
 ReconnectPolicy::Decision ReconnectPolicy::failed(const std::string& reason,
@@ -64,10 +86,15 @@ ReconnectPolicy::Decision ReconnectPolicy::failed(const std::string& reason,
     return decision;
 }
 
-void ReconnectPolicy::connected() {
+bool ReconnectPolicy::connected(Clock::time_point now) {
     // The next failure's line starts the count of unreported ones afresh.
-    m_attempts = 0;
+    // The delays start afresh only once the link has stayed up (lost()).
     m_last_line.reset();
+    m_connected_at = now;
+    if (m_quick == 0) {
+        m_attempts = 0;
+    }
+    return m_quick < 2;
 }
 
 }  // namespace ecu::kora::com

@@ -6,6 +6,9 @@
 // of vehicles whose broker restarted does not reconnect in step. A failure
 // that persists is logged once with its reason, then summarised at most once
 // a minute, so that a broker that stays away does not flood a small journal.
+// So is a link that the broker keeps closing soon after making it (another
+// client of the same name takes the session over, and is taken from in
+// turn): such losses are one outage, with growing delays.
 //
 // Pure logic on a clock the caller passes in: the transport drives it from its
 // network thread, tests from a table.
@@ -24,6 +27,8 @@ public:
     static constexpr std::chrono::milliseconds first_delay{50};
     static constexpr std::chrono::milliseconds max_delay{3000};
     static constexpr std::chrono::seconds summary_period{60};
+    // A link lost sooner than this after it was made was not really up.
+    static constexpr std::chrono::seconds stable_period{10};
 
     // The next attempt's delay and, when something is worth saying, the line.
     struct Decision {
@@ -37,14 +42,25 @@ public:
     // the connection's name), so that a fleet's reconnections spread.
     static std::uint64_t seed_for(const std::string& name);
 
-    // The link was lost (its loss is reported by whoever saw it): the delay
-    // of the first attempt.
-    std::chrono::milliseconds lost();
+    // A loss of the link: the first attempt's delay; report: the caller's
+    // own line for a loss is worth writing; log_line: the summary of losses
+    // soon after connecting, when one is due.
+    struct Loss {
+        std::chrono::milliseconds delay;
+        bool report;
+        std::optional<std::string> log_line;
+    };
+
+    // The link was lost at now. After a link that was up for a while the
+    // first attempt comes within 0.1 s and the loss is reported; after one
+    // that dropped soon the delays go on growing, and only the first such
+    // loss is reported, the others summarised.
+    Loss lost(const std::string& reason, Clock::time_point now);
     // An attempt to reach the broker failed at now.
     Decision failed(const std::string& reason, Clock::time_point now);
-    // A connection was made: the next loss starts from the first delay again
-    // and is reported afresh.
-    void connected();
+    // A connection was made at now; a failure after it is reported afresh.
+    // False while the link keeps dropping: its return is not worth a line.
+    bool connected(Clock::time_point now);
 
 private:
     // Uniform in [0, 1).
@@ -56,6 +72,10 @@ private:
     unsigned m_attempts{};    // failed attempts since the last connection
     unsigned m_unreported{};  // failures not yet in a line
     std::optional<Clock::time_point> m_last_line;
+    std::optional<Clock::time_point> m_connected_at;
+    unsigned m_quick{};  // losses soon after connecting, in a row
+    unsigned m_quick_unreported{};
+    Clock::time_point m_quick_line;  // the last line about them
 };
 
 }  // namespace ecu::kora::com
