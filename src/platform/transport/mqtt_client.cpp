@@ -392,7 +392,9 @@ void MqttClient::handle_disconnect(int rc) {
         m_cv.notify_all();
     }
     m_outbox.disconnected();
-    m_lost_reason = describe(rc);  // told by the loop, as the policy says
+    if (report) {
+        m_lost_reason = describe(rc);  // the loop tells it, as the policy says
+    }
 }
 
 void MqttClient::handle_message(const mosquitto_message& message) {
