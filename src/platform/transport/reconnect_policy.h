@@ -69,7 +69,7 @@ private:
     std::chrono::milliseconds delay();
 
     std::uint64_t m_state;
-    unsigned m_attempts{};    // failed attempts since the last connection
+    unsigned m_attempts{};    // failures (and quick losses) since the link was last up
     unsigned m_unreported{};  // failures not yet in a line
     std::optional<Clock::time_point> m_last_line;
     std::optional<Clock::time_point> m_connected_at;
