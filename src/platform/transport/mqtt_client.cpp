@@ -323,10 +323,10 @@ void MqttClient::handle_connect(int rc) {
         }
         if (!first) {
             // The reason first: whoever has read the line finds it in the status.
+            m_end_reason = "refused: " + describe_connack(rc);
             {
                 std::lock_guard<std::mutex> lock(m_mutex);
-                m_refusal = "refused: " + describe_connack(rc);
-                m_waiting_reason = m_refusal;
+                m_waiting_reason = m_end_reason;
             }
             logging::WARNING << log_module() << "broker " << where()
                              << " refused the reconnection: " << describe_connack(rc);
@@ -339,6 +339,7 @@ void MqttClient::handle_connect(int rc) {
     const Outbox::Resumed resumed = m_outbox.connected();
     const bool tell = m_policy.connected(ReconnectPolicy::Clock::now());
     m_session_up = true;
+    m_end_reason.clear();
     if (resumed.reconnection) {
         m_reconnects.fetch_add(1, std::memory_order_relaxed);
     }
@@ -347,7 +348,6 @@ void MqttClient::handle_connect(int rc) {
         m_ever_connected = true;
         m_link_up = true;
         m_waiting_reason.clear();
-        m_refusal.clear();
         if (!m_connack) {
             m_connack = 0;
         }
@@ -393,7 +393,7 @@ void MqttClient::handle_disconnect(int rc) {
     }
     m_outbox.disconnected();
     if (report) {
-        m_lost_reason = describe(rc);  // the loop tells it, as the policy says
+        m_end_reason = describe(rc);  // the loop tells it, as the policy says
     }
 }
 

@@ -107,8 +107,11 @@ private:
     const loop::Descriptor m_wake;  // an eventfd, made by the constructor (none if that failed)
     // The network thread's own: when to try again.
     ReconnectPolicy m_policy;
-    bool m_session_up{};        // a CONNACK accepted the connection the loop runs
-    std::string m_lost_reason;  // network thread: why the session ended
+    bool m_session_up{};  // a CONNACK accepted the connection the loop runs
+    // How the last attempt or session ended, in the callbacks' words (a
+    // refused CONNACK, the disconnect's reason), until the loop counts it:
+    // they say more than the loop's error code.
+    std::string m_end_reason;
     std::atomic<std::uint64_t> m_reconnects{};
 
     // Guards the session state below; m_cv signals the CONNACK, the end of
@@ -128,9 +131,6 @@ private:
     std::string m_connect_error;
     bool m_link_up{};              // a CONNACK accepted the current connection
     std::string m_waiting_reason;  // the last failed attempt's reason, while down
-    // A reconnection's refused CONNACK, until its attempt is counted: the
-    // broker's answer says more than the loop's error code.
-    std::string m_refusal;
 
     // Subscriptions: replaced as a whole, so that a delivery reads a snapshot
     // and an observer may subscribe without deadlock.

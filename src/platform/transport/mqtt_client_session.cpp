@@ -220,12 +220,13 @@ void MqttClient::network_loop() {
                 return;
             }
         }
-        // A lost link was reported by the disconnect callback; an attempt
-        // that got no CONNACK is one more failure.
+        // A lost session is told here, as the policy says; an attempt that
+        // got no CONNACK is one more failure.
         down = true;
+        const std::string reason =
+            m_end_reason.empty() ? describe(rc) : std::exchange(m_end_reason, {});
         if (m_session_up) {
             m_session_up = false;
-            const std::string reason = m_lost_reason.empty() ? describe(rc) : m_lost_reason;
             const ReconnectPolicy::Loss loss = m_policy.lost(reason, ReconnectPolicy::Clock::now());
             if (loss.report) {
                 logging::WARNING << log_module() << "connection to broker " << where()
@@ -236,16 +237,8 @@ void MqttClient::network_loop() {
                                  << "; is another client connected as '" << m_settings.client_name
                                  << "'?";
             }
-            m_lost_reason.clear();
             delay = loss.delay;
             continue;
-        }
-        std::string reason = describe(rc);
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (!m_refusal.empty()) {
-                reason = std::exchange(m_refusal, {});
-            }
         }
         delay = attempt_failed(reason);
     }

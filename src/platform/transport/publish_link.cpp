@@ -494,8 +494,9 @@ void PublishLink::failed(const std::string& reason) {
 
 void PublishLink::lost(const std::string& reason) {
     go_down();
-    const ReconnectPolicy::Loss loss = m_policy.lost(reason, Clock::now());
-    m_retry_at = Clock::now() + loss.delay;
+    const auto now = Clock::now();
+    const ReconnectPolicy::Loss loss = m_policy.lost(reason, now);
+    m_retry_at = now + loss.delay;
     if (loss.report) {
         logging::WARNING << log_module() << "RT data connection to broker " << m_settings.host
                          << ":" << m_settings.port << " lost: " << reason << "; reconnecting";
